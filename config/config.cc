@@ -1,0 +1,141 @@
+#include "config/config.h"
+
+#include <jansson.h>
+
+#include <cstring>
+
+#include "frame/log.h"
+#include "frame/paths.h"
+
+namespace {
+
+enum config_key {
+  CFG_NETBAR_PROPERTY_STR,
+  CFG_NETBAR_TYPE_STR,
+  CFG_NETBAR_NAME,
+  CFG_EQUIPMENT_NAME,
+  CFG_SOURCE_STR,
+  CFG_ADDRESS,
+  CFG_DST_STR,
+  CFG_LONGITUDE,
+  CFG_LATITUDE,
+  CFG_ORG_NAME,
+  CFG_ORG_TEL_NUM,
+  CFG_ORG_MAIL,
+  CFG_ORG_ADDRESS,
+  CFG_FTP_IP,
+  CFG_FTP_PORT,
+  CFG_FTP_USERNAME,
+  CFG_FTP_PASSWORD,
+  CFG_KEY_COUNT
+};
+
+struct config_attr {
+  const char *name;
+  // The value becomes part of file names: a "/" would leave the spool
+  // directory.
+  bool file_name_part;
+};
+
+// Read in this order; the first missing key ends the load.
+constexpr config_attr config_attrs[CFG_KEY_COUNT] = {
+    {"fh_netbar_property_str", false},
+    {"fh_netbar_type_str", false},
+    {"fh_netbar_name", false},
+    {"fh_equipment_name", false},
+    {"fh_source_str", true},
+    {"fh_address", false},
+    {"fh_dst_str", true},
+    {"fh_longitude", false},
+    {"fh_latitude", false},
+    {"fh_org_name", false},
+    {"fh_org_tel_num", false},
+    {"fh_org_mail", false},
+    {"fh_org_address", false},
+    {"fh_ftp_ip", false},
+    {"fh_ftp_port", false},
+    {"fh_ftp_username", false},
+    {"fh_ftp_password", false},
+};
+
+const char *config_values[CFG_KEY_COUNT];
+json_t *config_doc;
+
+// A control character would split or shift every record line the value is
+// written into; none has a place in these texts.
+bool has_control_char(const char *s, size_t len) {
+  for (size_t i = 0; i < len; i++) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c < 0x20 || c == 0x7f)
+      return true;
+  }
+  return false;
+}
+
+const char *config_get_string(json_t *doc, const config_attr &attr) {
+  json_t *value = json_object_get(doc, attr.name);
+  const char *text = json_string_value(value);
+  if (!text) {
+    log_msg(ERROR, "%s is not in config or not string", attr.name);
+    return nullptr;
+  }
+  const size_t len = json_string_length(value);
+  if (has_control_char(text, len) || strlen(text) != len) {
+    log_msg(ERROR, "%s holds a control character, refused", attr.name);
+    return nullptr;
+  }
+  if (attr.file_name_part && strchr(text, '/')) {
+    log_msg(ERROR, "%s holds a \"/\", refused", attr.name);
+    return nullptr;
+  }
+  return text;
+}
+
+}  // namespace
+
+int qz2fh_config_load(const char *path) {
+  json_error_t error;
+  json_t *doc = json_load_file(path, 0, &error);
+  if (!doc) {
+    log_msg(ERROR, "load file:%s failed!", path);
+    return 1;
+  }
+  const char *values[CFG_KEY_COUNT];
+  for (int i = 0; i < CFG_KEY_COUNT; i++) {
+    values[i] = config_get_string(doc, config_attrs[i]);
+    if (!values[i]) {
+      log_msg(ERROR, "%s is null!", config_attrs[i].name);
+      json_decref(doc);
+      return 1;
+    }
+  }
+  // Only a complete load replaces what the getters return.
+  json_decref(config_doc);
+  config_doc = doc;
+  memcpy(config_values, values, sizeof(values));
+  return 0;
+}
+
+int qz2fh_config_init() { return qz2fh_config_load(QZ_CONFIG_PATH); }
+
+const char *qz2fh_get_netbar_property_str() { return config_values[CFG_NETBAR_PROPERTY_STR]; }
+const char *qz2fh_get_netbar_type_str() { return config_values[CFG_NETBAR_TYPE_STR]; }
+const char *qz2fh_get_netbar_name() { return config_values[CFG_NETBAR_NAME]; }
+const char *qz2fh_get_equipment_name() { return config_values[CFG_EQUIPMENT_NAME]; }
+const char *qz2fh_get_source_str() { return config_values[CFG_SOURCE_STR]; }
+const char *qz2fh_get_address() { return config_values[CFG_ADDRESS]; }
+const char *qz2fh_get_dst_str() { return config_values[CFG_DST_STR]; }
+const char *qz2fh_get_longitude() { return config_values[CFG_LONGITUDE]; }
+const char *qz2fh_get_latitude() { return config_values[CFG_LATITUDE]; }
+const char *qz2fh_get_org_name() { return config_values[CFG_ORG_NAME]; }
+const char *qz2fh_get_org_tel_num() { return config_values[CFG_ORG_TEL_NUM]; }
+const char *qz2fh_get_org_mail() { return config_values[CFG_ORG_MAIL]; }
+const char *qz2fh_get_org_address() { return config_values[CFG_ORG_ADDRESS]; }
+const char *qz2fh_get_ftp_ip() { return config_values[CFG_FTP_IP]; }
+const char *qz2fh_get_ftp_port() { return config_values[CFG_FTP_PORT]; }
+const char *qz2fh_get_ftp_username() { return config_values[CFG_FTP_USERNAME]; }
+const char *qz2fh_get_ftp_password() { return config_values[CFG_FTP_PASSWORD]; }
+
+const char *qz2fh_get_org_code() { return "507183926"; }
+int qz2fh_get_equipment_type() { return 1; }
+const char *qz2fh_get_contactor() { return "maple"; }

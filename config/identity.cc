@@ -1,0 +1,206 @@
+#include "config/identity.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "config/config.h"
+#include "frame/command.h"
+#include "frame/log.h"
+#include "frame/paths.h"
+#include "frame/unique_fd.h"
+
+namespace {
+
+constexpr size_t STATUS_READ_MAX = 1023;
+constexpr size_t COMMAND_READ_MAX = 1023;
+constexpr size_t IFNAME_MAX = 15;
+
+// Copies a token into a field; false when it does not fit (refused, never
+// cut: a cut MAC or signal value would be a wrong value in a record).
+bool copy_token(std::string_view token, char *field, size_t size) {
+  if (token.size() >= size)
+    return false;
+  memcpy(field, token.data(), token.size());
+  field[token.size()] = '\0';
+  return true;
+}
+
+bool printable(std::string_view s) {
+  for (char ch : s) {
+    unsigned char c = static_cast<unsigned char>(ch);
+    if (c < 0x20 || c == 0x7f)
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool qz2fh_mac_text_ok(std::string_view mac) {
+  if (mac.empty() || mac.size() > QZ_MAC_TEXT_MAX || mac.find("..") != std::string_view::npos)
+    return false;
+  for (char ch : mac) {
+    unsigned char c = static_cast<unsigned char>(ch);
+    if (c <= 0x20 || c >= 0x7f || c == '/' || c == '"' || c == '\\')
+      return false;
+  }
+  return true;
+}
+
+const char *qz2fh_get_netbar_wacode() {
+  static char wacode[15];
+  snprintf(wacode, sizeof(wacode), "%s%s%s%s", qz2fh_get_source_str(), "10", "AC", "1000");
+  wacode[sizeof(wacode) - 1] = '\0';
+  return wacode;
+}
+
+const char *qz2fh_get_equipment_id(const char *mac) {
+  static char id[22];
+  log_msg(DEBUG, "longCode:%s, mac:%s", qz2fh_get_org_code(), mac);
+  // Only the first eleven digits survive the 20-character cut, so a longer
+  // MAC text is cut here without loss.
+  char digits[24];
+  size_t n = 0;
+  for (const char *p = mac; *p && n < sizeof(digits) - 1; p++) {
+    if (*p == '-' || *p == ':')
+      continue;
+    digits[n++] = static_cast<char>(toupper(static_cast<unsigned char>(*p)));
+  }
+  digits[n] = '\0';
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-truncation"
+  // The cut to 20 characters is the id's definition.
+  snprintf(id, 21, "%s%s", qz2fh_get_org_code(), digits);
+#pragma GCC diagnostic pop
+  return id;
+}
+
+bool route_iface_parse(std::string_view output, char *name, size_t size) {
+  if (!output.empty() && output.back() == '\n')
+    output.remove_suffix(1);
+  if (output.empty() || output.size() > IFNAME_MAX || output.size() >= size)
+    return false;
+  for (char ch : output) {
+    if (!isalnum(static_cast<unsigned char>(ch)) && ch != '.' && ch != '_' && ch != '-' &&
+        ch != '@')
+      return false;
+  }
+  memcpy(name, output.data(), output.size());
+  name[output.size()] = '\0';
+  return true;
+}
+
+bool route_addr_parse(std::string_view output, char *addr, size_t size) {
+  // Several matching addresses give several lines; the first one is used.
+  output = output.substr(0, output.find('\n'));
+  const size_t slash = output.rfind('/');
+  if (slash != std::string_view::npos)
+    output = output.substr(0, slash);
+  char text[INET_ADDRSTRLEN];
+  if (output.empty() || output.size() >= sizeof(text) || output.size() >= size)
+    return false;
+  memcpy(text, output.data(), output.size());
+  text[output.size()] = '\0';
+  in_addr a;
+  if (inet_pton(AF_INET, text, &a) != 1)
+    return false;
+  memcpy(addr, text, output.size() + 1);
+  return true;
+}
+
+const char *qz2fh_get_route_ip() {
+  static char route_ip[1024];
+  static const char *found;
+  if (found)
+    return found;
+
+  std::string out;
+  if (command_read("route -n | head -n 3 | tail -n 1 | awk '{print $8}'", &out,
+                   COMMAND_READ_MAX) < 0 ||
+      out.empty())
+    return nullptr;
+  char ifname[IFNAME_MAX + 1];
+  if (!route_iface_parse(out, ifname, sizeof(ifname))) {
+    log_msg(DEBUG, "route: no usable interface name\n");
+    return nullptr;
+  }
+  char cmd[1024];
+  snprintf(cmd, sizeof(cmd), "ip add |awk '$1==\"inet\" && $NF~/^(%s)/{print $2}'", ifname);
+  if (command_read(cmd, &out, COMMAND_READ_MAX) < 0 || out.empty())
+    return nullptr;
+  if (!route_addr_parse(out, route_ip, sizeof(route_ip))) {
+    log_msg(DEBUG, "route: no IPv4 address on %s\n", ifname);
+    return nullptr;
+  }
+  found = route_ip;
+  return found;
+}
+
+bool wifi_info_parse(const char *text, size_t len, wifi_info *info) {
+  std::string_view rest(text, strnlen(text, len));
+  std::string_view tokens[6];
+  int count = 0;
+  while (count < 6) {
+    const size_t start = rest.find_first_not_of(' ');
+    if (start == std::string_view::npos)
+      break;
+    rest.remove_prefix(start);
+    const size_t end = rest.find(' ');
+    tokens[count++] = rest.substr(0, end);
+    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
+  }
+  if (count < 6)
+    return false;
+  // Tokens 3 and 4 are written into records; the others are only kept.
+  if (!printable(tokens[2]) || !printable(tokens[3]))
+    return false;
+  return copy_token(tokens[2], info->field_strength, sizeof(info->field_strength)) &&
+         copy_token(tokens[3], info->ap_mac, sizeof(info->ap_mac)) &&
+         copy_token(tokens[4], info->aux1, sizeof(info->aux1)) &&
+         copy_token(tokens[5], info->aux2, sizeof(info->aux2));
+}
+
+const wifi_info *qz2fh_get_wifi_info(const char *mac) {
+  static wifi_info info;
+  if (!mac || !qz2fh_mac_text_ok(mac)) {
+    log_msg(DEBUG, "refused mac text for status file\n");
+    return nullptr;
+  }
+  char path[1024];
+  snprintf(path, sizeof(path), "%s%s", QZ_CLT_WIFI_INFO_DIR, mac);
+  unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd) {
+    if (access(QZ_AC_STATUS_PATH, F_OK) != 0)
+      return nullptr;
+    snprintf(path, sizeof(path), "%s%s", QZ_CLT_AP_INFO_DIR, mac);
+    fd.reset(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd)
+      return nullptr;
+  }
+  char text[STATUS_READ_MAX + 1];
+  size_t len = 0;
+  while (len < STATUS_READ_MAX) {
+    ssize_t n = read(fd.get(), text + len, STATUS_READ_MAX - len);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      break;
+    len += static_cast<size_t>(n);
+  }
+  if (len == 0)
+    return nullptr;
+  text[len] = '\0';
+  if (!wifi_info_parse(text, len, &info)) {
+    log_msg(DEBUG, "bad status line for %s\n", mac);
+    return nullptr;
+  }
+  return &info;
+}

@@ -1,0 +1,26 @@
+// Every shell command of the daemon runs here: through /bin/sh -c, as
+// system(3) and popen(3) would, while the feed sockets keep being read into
+// the feed queue so that the kernel's small queues do not overflow.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+// Runs cmd with the daemon's standard output and error. Returns the wait
+// status as system(3) does, or -1 when no process could be started.
+int command_system(const char *cmd);
+// Runs cmd with its standard output captured into out (at most max bytes
+// kept, the rest read and discarded). Returns the wait status, or -1 when
+// no process could be started (then out is empty).
+int command_read(const char *cmd, std::string *out, size_t max);
+
+// Seam for tests: a runner that records commands and answers with canned
+// output instead of starting processes.
+class command_runner {
+ public:
+  virtual ~command_runner() = default;
+  virtual int run_system(const char *cmd) = 0;
+  virtual int run_read(const char *cmd, std::string *out, size_t max) = 0;
+};
+// Null restores the real runner.
+void command_set_runner(command_runner *runner);

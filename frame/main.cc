@@ -1,0 +1,93 @@
+// Start-up: options, single-instance lock, detach, signals, then every
+// subsystem's set-up in a fixed order, and the event loop for the rest of
+// the process's life.
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/config.h"
+#include "frame/eloop.h"
+#include "frame/feed_queue.h"
+#include "frame/log.h"
+#include "frame/paths.h"
+#include "frame/report_timer.h"
+
+namespace {
+
+int lock_fd = -1;
+
+const struct option long_options[] = {
+    {"debug", required_argument, nullptr, 'D'},
+    {nullptr, 0, nullptr, 0},
+};
+
+void lock_file_release() {
+  if (lock_fd != -1) {
+    close(lock_fd);
+    lock_fd = -1;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char *argv[]) {
+  int opt;
+  while ((opt = getopt_long(argc, argv, "D", long_options, nullptr)) != -1) {
+    if (opt == 'D') {
+      debug_mode_on();
+    } else {
+      fprintf(stderr, "unknown command: %c\n", opt);
+      return -1;
+    }
+  }
+
+  static const char lock_failed[] = "can not get file lock or open file failed";
+  lock_fd = open(QZ_FILE_LOCK_PATH, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (lock_fd < 0) {
+    printf("open QZ_FILE_LOCK_PATH failed!");
+    fflush(stdout);
+    fputs(lock_failed, stderr);
+    return -1;
+  }
+  if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0) {
+    close(lock_fd);
+    lock_fd = -1;
+    fputs(lock_failed, stderr);
+    return -1;
+  }
+  atexit(lock_file_release);
+
+  if (!debug_mode_get() && daemon(0, 0) != 0) {
+    fprintf(stderr, "daemon failed: %s", strerror(errno));
+    return -1;
+  }
+
+  if (signal(SIGUSR1, log_sigusr1) == SIG_ERR)
+    puts("to register SIGUSR1 fail");
+  if (signal(SIGUSR2, log_sigusr2) == SIG_ERR)
+    puts("to register SIGUSR2 fail");
+
+  if (eloop_init() != 0) {
+    log_msg(ERROR, "eloop init failed\n");
+    return -1;
+  }
+  // Events read while a command ran are handled before the loop waits again.
+  eloop_set_after_handler(feed_queue_drain);
+  if (qz2fh_config_init() != 0) {
+    log_msg(ERROR, "config init failed\n");
+    return -1;
+  }
+  report_timer_start();
+
+  eloop_run();
+  eloop_destroy();
+  log_msg(DEBUG, "fdsafdas\n");
+  return -1;
+}
