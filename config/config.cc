@@ -32,10 +32,13 @@ enum config_key {
 
 struct config_attr {
   const char *name;
-  // The value becomes part of file names: a "/" would leave the spool
-  // directory.
+  // The value becomes part of file names, commands and the status file:
+  // only letters, digits, "_" and "." keep those well-formed, and a long
+  // value would not fit the 256-byte names.
   bool file_name_part;
 };
+
+constexpr size_t FILE_NAME_PART_MAX = 64;
 
 // Read in this order; the first missing key ends the load.
 constexpr config_attr config_attrs[CFG_KEY_COUNT] = {
@@ -72,6 +75,18 @@ bool has_control_char(const char *s, size_t len) {
   return false;
 }
 
+bool file_name_part_ok(const char *s, size_t len) {
+  if (len > FILE_NAME_PART_MAX)
+    return false;
+  for (size_t i = 0; i < len; i++) {
+    const char c = s[i];
+    if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
+          c == '.'))
+      return false;
+  }
+  return true;
+}
+
 const char *config_get_string(json_t *doc, const config_attr &attr) {
   json_t *value = json_object_get(doc, attr.name);
   const char *text = json_string_value(value);
@@ -84,8 +99,10 @@ const char *config_get_string(json_t *doc, const config_attr &attr) {
     log_msg(ERROR, "%s holds a control character, refused", attr.name);
     return nullptr;
   }
-  if (attr.file_name_part && strchr(text, '/')) {
-    log_msg(ERROR, "%s holds a \"/\", refused", attr.name);
+  if (attr.file_name_part && !file_name_part_ok(text, len)) {
+    log_msg(ERROR,
+            "%s is part of file names: only letters, digits, \"_\" and \".\", at most %d, refused",
+            attr.name, static_cast<int>(FILE_NAME_PART_MAX));
     return nullptr;
   }
   return text;

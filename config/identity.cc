@@ -123,8 +123,8 @@ const char *qz2fh_get_route_ip() {
     return found;
 
   std::string out;
-  if (command_read("route -n | head -n 3 | tail -n 1 | awk '{print $8}'", &out,
-                   COMMAND_READ_MAX) < 0 ||
+  if (command_read("route -n | head -n 3 | tail -n 1 | awk '{print $8}'", &out, COMMAND_READ_MAX) <
+          0 ||
       out.empty())
     return nullptr;
   char ifname[IFNAME_MAX + 1];

@@ -1,12 +1,12 @@
 #include "frame/command.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include "frame/feed_queue.h"
 #include "frame/unique_fd.h"
@@ -38,8 +38,8 @@ pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
     posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, close_fd);
   }
-  char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
-                        const_cast<char *>(cmd), nullptr};
+  char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(cmd),
+                        nullptr};
   pid_t pid = -1;
   int rc = posix_spawn(&pid, "/bin/sh", &actions, nullptr, argv, environ);
   posix_spawn_file_actions_destroy(&actions);

@@ -1,9 +1,9 @@
 #include "frame/eloop.h"
 
+#include <sys/select.h>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <sys/select.h>
 
 namespace {
 
@@ -90,8 +90,7 @@ int run_pass(fd_set *rfds, fd_set *wfds, fd_set *efds) {
       tv.tv_usec = 0;
     }
     wait = &tv;
-  } else if (eloop.readers.count == 0 && eloop.writers.count == 0 &&
-             eloop.exceptions.count == 0) {
+  } else if (eloop.readers.count == 0 && eloop.writers.count == 0 && eloop.exceptions.count == 0) {
     return 1;
   }
 

@@ -1,8 +1,8 @@
 #include "frame/feed_queue.h"
 
+#include <sys/socket.h>
 #include <cerrno>
 #include <cstring>
-#include <sys/socket.h>
 #include <vector>
 
 namespace {

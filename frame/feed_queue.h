@@ -3,9 +3,9 @@
 // events are handled, in arrival order, once control is back in the loop.
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <cstdint>
-#include <sys/types.h>
 
 // Payload bytes (plus a 4-byte header each) the queue may hold; beyond it
 // events are read and dropped, and counted.

@@ -1,9 +1,9 @@
 #include "frame/log.h"
 
+#include <syslog.h>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <syslog.h>
 
 namespace {
 

@@ -18,6 +18,9 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
+#include "netbar/netbar.h"
+#include "status/bjson.h"
+#include "terminal/source_group.h"
 
 namespace {
 
@@ -85,6 +88,9 @@ int main(int argc, char *argv[]) {
     return -1;
   }
   report_timer_start();
+  source_group_init();
+  netbar_group_init();
+  bjson_report_init();
 
   eloop_run();
   eloop_destroy();

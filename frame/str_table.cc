@@ -2,7 +2,9 @@
 
 #include <cstdlib>
 
-GHashTable *str_table_new() { return g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, free); }
+GHashTable *str_table_new() {
+  return g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, free);
+}
 
 void str_table_put(GHashTable *table, const char *key, void *value) {
   // replace, unlike insert, also swaps in the new key pointer, which the

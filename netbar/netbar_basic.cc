@@ -1,1 +1,137 @@
-// placeholder
+// The netbar group's periodic records: place, vendor, and two records per
+// access point.
+#include <iterator>
+
+#include "config/identity.h"
+#include "frame/log.h"
+#include "netbar/netbar.h"
+#include "output/bcp_values.h"
+#include "output/wtps_scan.h"
+
+namespace {
+
+report_timer basic_0001_timer, basic_0002_timer, basic_0003_1_timer, basic_0003_2_timer;
+
+// The place: the terminal group's place record with three more empty
+// columns before the vendor code.
+constexpr bcp_column basic_0001_columns[] = {
+    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
+    {{"F040002", "PLACE_NAME", "上网服务场所名称"}, bcp_put_netbar_name},
+    {{"G020017", "SITE_ADDRESS", "场所详细地址"}, bcp_put_address},
+    {{"F010016", "LONGITUDE", "场所经度"}, bcp_put_longitude},
+    {{"F010017", "LATITUDE", "场所纬度"}, bcp_put_latitude},
+    {{"F040011", "NETSITE_TYPE", "场所服务类型"}, bcp_put_netbar_type_str},
+    {{"E010007", "BUSINESS_NATURE", "场所经营性质"}, bcp_put_netbar_property_str},
+    {{"E020001", "LAW_PRINCIPAL_NAME", "场所经营法人"}, bcp_put_empty},
+    {{"E020003", "LAW_PRINCIPAL_CERTIFICATE_TYPE", "经营法人有效证件类型"}, bcp_put_empty},
+    {{"E020004", "LAW_PRINCIPAL_CERTIFICATE_ID", "经营法人有效证件号码"}, bcp_put_empty},
+    {{"B070003", "RELATIONSHIP_ACCOUNT", "联系方式"}, bcp_put_empty},
+    {{"I070009", "START_TIME", "营业开始时间"}, bcp_put_empty},
+    {{"I070010", "END_TIME", "营业结束时间"}, bcp_put_empty},
+    {{"G020010", "ACCESS_TYPE", "场所网络接入方式"}, bcp_put_empty},
+    {{"B020001", "OPERATOR_NET", "场所网络接入服务商"}, bcp_put_empty},
+    {{"I070016", "AUTH_ACCOUNT", "网络接入账号或固定IP地址 ACSSES_IP"}, bcp_put_empty},
+    {{"G020013", "CODE_ALLOCATION_ORGANIZATION", "安全厂商组织机构代码"}, bcp_put_org_code},
+};
+
+// The vendor.
+constexpr bcp_column basic_0002_columns[] = {
+    {{"G020014", "SECURITY_SOFTWARE_ORGNAME", "厂商名称"}, bcp_put_org_name},
+    {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
+    {{"G020037", "ADDRESS", "厂商地址 SECURITY_SOFTWARE_"}, bcp_put_org_address},
+    {{"E020017", "CONTACTOR", "联系人"}, bcp_put_contactor},
+    {{"E020020", "CONTACTOR_TEL", "联系人电话"}, bcp_put_org_tel_num},
+    {{"E020023", "CONTACTOR_MAIL", "联系人邮件"}, bcp_put_org_mail},
+};
+
+// An access point of a fixed place.
+constexpr bcp_column basic_0003_1_columns[] = {
+    {{"I070011", "COLLECTION_EQUIPMENT_ID", "AP设备编号"}, bcp_put_ap_equipment_id},
+    {{"F030011", "AP_MAC", "AP设备MAC地址"}, bcp_put_ap_mac},
+    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
+    {{"F010001", "LONGITUDE", "AP设备经度"}, bcp_put_longitude},
+    {{"F010002", "LATITUDE", "AP设备纬度"}, bcp_put_latitude},
+    {{"F040012", "FLOOR", "楼层"}, bcp_put_empty},
+};
+
+// An access point on a vehicle or subway line.
+constexpr bcp_column basic_0003_2_columns[] = {
+    {{"I070011", "COLLECTION_EQUIPMENT_ID", "AP设备编号"}, bcp_put_ap_equipment_id},
+    {{"F030011", "AP_MAC", "AP设备MAC地址"}, bcp_put_ap_mac},
+    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
+    {{"F040013", "SUBWAY_STATION", "站点信息"}, bcp_put_empty},
+    {{"C030006", "SUBWAY_LINE_INFO", "地铁线路信息"}, bcp_put_empty},
+    {{"C030007", "SUBWAY_VEHICLE_INFO", "地铁车辆信息"}, bcp_put_empty},
+    {{"C030008", "SUBWAY_COMPARTMENT_NUMBER", "地铁车厢编号"}, bcp_put_empty},
+    {{"C030002", "CAR_CODE", "车牌号码"}, bcp_put_empty},
+};
+
+bcp_dataset *dataset(int index) { return &netbar_group.datasets[index]; }
+
+int netbar_basic_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
+  return bcp_emit(__func__, dataset(NETBAR_BASIC_0001), basic_0001_columns,
+                  std::size(basic_0001_columns), nullptr);
+}
+
+int netbar_basic_0002_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
+  return bcp_emit(__func__, dataset(NETBAR_BASIC_0002), basic_0002_columns,
+                  std::size(basic_0002_columns), nullptr);
+}
+
+int netbar_basic_0003_1_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
+  return bcp_emit_ap_record(__func__, dataset(NETBAR_BASIC_0003_1), basic_0003_1_columns,
+                            std::size(basic_0003_1_columns), va_arg(*ap, char *), true);
+}
+
+int netbar_basic_0003_2_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
+  return bcp_emit_ap_record(__func__, dataset(NETBAR_BASIC_0003_2), basic_0003_2_columns,
+                            std::size(basic_0003_2_columns), va_arg(*ap, char *), true);
+}
+
+void netbar_basic_0001_report_timer(void *) {
+  bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0001, 0);
+  basic_0001_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+}
+
+void netbar_basic_0002_report_timer(void *) {
+  bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0002, 0);
+  basic_0002_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+}
+
+void netbar_basic_0003_1_report_timer(void *) {
+  wtps_scan(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0003_1, &basic_0003_1_timer, __func__);
+}
+
+void netbar_basic_0003_2_report_timer(void *) {
+  wtps_scan(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0003_2, &basic_0003_2_timer, __func__);
+}
+
+}  // namespace
+
+void netbar_basic_0001_init() {
+  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0001), "WA_BASIC_FJ_0001", basic_0001_columns,
+                            std::size(basic_0001_columns), BCP_STYLE_PLAIN,
+                            netbar_basic_0001_business_handle, &basic_0001_timer,
+                            netbar_basic_0001_report_timer);
+}
+
+void netbar_basic_0002_init() {
+  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0002), "WA_BASIC_FJ_0002", basic_0002_columns,
+                            std::size(basic_0002_columns), BCP_STYLE_PLAIN,
+                            netbar_basic_0002_business_handle, &basic_0002_timer,
+                            netbar_basic_0002_report_timer);
+}
+
+void netbar_basic_0003_1_init() {
+  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_1), "WA_BASIC_FJ_0003_1",
+                            basic_0003_1_columns, std::size(basic_0003_1_columns), BCP_STYLE_PLAIN,
+                            netbar_basic_0003_1_business_handle, &basic_0003_1_timer,
+                            netbar_basic_0003_1_report_timer);
+}
+
+void netbar_basic_0003_2_init() {
+  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_2), "WA_BASIC_FJ_0003_2",
+                            basic_0003_2_columns, std::size(basic_0003_2_columns), BCP_STYLE_PLAIN,
+                            netbar_basic_0003_2_business_handle, &basic_0003_2_timer,
+                            netbar_basic_0003_2_report_timer);
+}

@@ -1,1 +1,45 @@
-// placeholder
+#include "netbar/netbar.h"
+
+#include <cstdio>
+
+#include "config/identity.h"
+#include "frame/feed_queue.h"
+#include "frame/log.h"
+#include "output/archive.h"
+#include "output/spool.h"
+
+bcp_group netbar_group = {
+    QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer", {}, {}, 0, {}, {}};
+
+void netbar_report_timer(void *) {
+  group_archive_cycle(&netbar_group, true);
+  const size_t dropped = feed_queue_take_dropped();
+  if (dropped)
+    log_msg(WARN, "%zu feed events dropped while commands ran: queue full\n", dropped);
+}
+
+void netbar_group_init() {
+  bcp_group_register(&netbar_group);
+  report_timer_init(&netbar_group.timer, netbar_report_timer, REPORT_COUNTDOWN_SECONDS);
+  report_timer_add(&netbar_group.timer);
+  qz2fh_delete_dir_file(QZ2FH_NETBAR_TYPE, &netbar_group.state);
+  qz2fh_create_dir(QZ2FH_NETBAR_TYPE, &netbar_group.state);
+  netbar_init_sock();
+  init_netbar_0002();
+  netbar_basic_0001_init();
+  netbar_basic_0002_init();
+  netbar_basic_0003_1_init();
+  netbar_basic_0003_2_init();
+}
+
+void netbar_session_id(char *out, const char *mac, unsigned long long when) {
+  char digits[64];
+  size_t n = 0;
+  for (const char *p = mac; *p && n < sizeof(digits) - 1; p++) {
+    if (*p == '-' || *p == ':')
+      continue;
+    digits[n++] = (*p >= 'A' && *p <= 'Z') ? static_cast<char>(*p - 'A' + 'a') : *p;
+  }
+  digits[n] = '\0';
+  snprintf(out, NETBAR_SESSION_ID_SIZE, "%s%s%llu", qz2fh_get_netbar_wacode(), digits, when);
+}

@@ -1,1 +1,353 @@
-// placeholder
+// The online/offline feed: another program of the router tells the daemon
+// by datagram when a terminal comes online or goes offline.
+#include "netbar/netbar_terminal.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+
+#include "config/config.h"
+#include "config/identity.h"
+#include "frame/eloop.h"
+#include "frame/feed_queue.h"
+#include "frame/log.h"
+#include "frame/paths.h"
+#include "frame/str_table.h"
+#include "netbar/netbar.h"
+#include "output/bcp_values.h"
+
+namespace {
+
+constexpr size_t SHELL_HEADER = 4;
+
+struct auth_type_entry {
+  uint16_t id;
+  char code[32];
+};
+
+constexpr auth_type_entry auth_type_map[] = {
+    {1, "1029999"},  {3, "1029999"},  {4, "1020004"},  {5, "1029999"},   {6, "1029999"},
+    {7, "1029999"},  {8, "1029999"},  {9, "1029999"},  {10, "1029999"},  {11, "1029999"},
+    {12, "1029999"}, {14, "1029999"}, {99, "1020001"}, {100, "1029999"},
+};
+
+// The authentication type whose message carries an account in token 5.
+constexpr uint16_t AUTH_TYPE_WITH_ACCOUNT = 4;
+
+GHashTable *netbar_terminal_table;
+
+// The type number as atoi reads it; a number out of range matches nothing.
+const auth_type_entry *auth_lookup(std::string_view token) {
+  char text[12];
+  if (token.size() >= sizeof(text))
+    return nullptr;
+  memcpy(text, token.data(), token.size());
+  text[token.size()] = '\0';
+  const long id = strtol(text, nullptr, 10);
+  for (const auth_type_entry &e : auth_type_map)
+    if (e.id == id)
+      return &e;
+  return nullptr;
+}
+
+// Tokens that do not fit their fields are refused, not cut: a cut MAC or
+// account would be a wrong value in a record.
+bool copy_field(std::string_view token, char *field, size_t size) {
+  if (token.size() >= size)
+    return false;
+  memcpy(field, token.data(), token.size());
+  field[token.size()] = '\0';
+  return true;
+}
+
+bool printable(std::string_view s) {
+  for (char ch : s)
+    if (static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f)
+      return false;
+  return true;
+}
+
+int bcp_dispatch_terminal(unsigned online, netbar_terminal *rec) {
+  return bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_SOURCE_0001, 2, online, rec);
+}
+
+void netbar_terminal_offline(const netbar_shell_msg &msg) {
+  char mac[QZ_MAC_TEXT_MAX + 1];
+  if (msg.count < 1 || !qz2fh_mac_text_ok(msg.tokens[0]) ||
+      !copy_field(msg.tokens[0], mac, sizeof(mac))) {
+    log_msg(DEBUG, "offline msg refused: no usable mac\n");
+    return;
+  }
+  auto *rec = static_cast<netbar_terminal *>(str_table_get(netbar_terminal_table, mac));
+  if (!rec)
+    return;
+  bcp_dispatch_terminal(0, rec);
+  str_table_del(netbar_terminal_table, mac);
+}
+
+const char *online_refusal(const netbar_shell_msg &msg) {
+  if (msg.count < 3)
+    return "fewer than 3 tokens";
+  if (!qz2fh_mac_text_ok(msg.tokens[0]))
+    return "unusable mac";
+  if (msg.tokens[1].size() >= sizeof(netbar_terminal::ip))
+    return "ip too long";
+  return nullptr;
+}
+
+void netbar_terminal_online(const netbar_shell_msg &msg) {
+  auto *rec = static_cast<netbar_terminal *>(calloc(1, sizeof(netbar_terminal)));
+  if (!rec)
+    return;
+  log_msg(DEBUG, "online msg: %s\n", msg.text);
+  if (const char *why = online_refusal(msg)) {
+    log_msg(DEBUG, "online msg refused: %s\n", why);
+    free(rec);
+    return;
+  }
+  copy_field(msg.tokens[0], rec->key, sizeof(rec->key));
+  copy_field(msg.tokens[0], rec->mac, sizeof(rec->mac));
+  copy_field(msg.tokens[1], rec->ip, sizeof(rec->ip));
+
+  const wifi_info *wifi = qz2fh_get_wifi_info(rec->key);
+  if (!wifi) {
+    free(rec);
+    return;
+  }
+  rec->online_time = static_cast<unsigned long long>(time(nullptr));
+  memcpy(rec->ap_mac, wifi->ap_mac, sizeof(rec->ap_mac));
+  memcpy(rec->field_strength, wifi->field_strength, sizeof(rec->field_strength));
+
+  const auth_type_entry *auth = auth_lookup(msg.tokens[2]);
+  if (!auth) {
+    free(rec);
+    return;
+  }
+  memcpy(rec->auth_type, auth->code, sizeof(rec->auth_type) - 1);
+  if (auth->id == AUTH_TYPE_WITH_ACCOUNT) {
+    if (msg.count < 5 || !printable(msg.tokens[4]) ||
+        !copy_field(msg.tokens[4], rec->account, sizeof(rec->account))) {
+      log_msg(DEBUG, "online msg refused: no usable account for type 4\n");
+      free(rec);
+      return;
+    }
+  } else {
+    copy_field(msg.tokens[0], rec->account, sizeof(rec->account));
+  }
+  str_table_put(netbar_terminal_table, rec->key, rec);
+  bcp_dispatch_terminal(1, rec);
+}
+
+// Context of one WA_SOURCE_FJ_0001 record.
+struct terminal_record {
+  const netbar_terminal *rec;
+  bool online;
+  unsigned long long end_time;
+  const char *equipment_id;
+  const char *session_id;
+  uint32_t ip_number;
+  uint32_t src_ip_number;
+};
+
+const terminal_record &ctx_of(const void *ctx) {
+  return *static_cast<const terminal_record *>(ctx);
+}
+
+void put_auth_type(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->auth_type); }
+void put_account(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->account); }
+void put_start_time(bcp_line &l, const void *c) { l.putf("%llu", ctx_of(c).rec->online_time); }
+void put_end_time(bcp_line &l, const void *c) {
+  if (!ctx_of(c).online)
+    l.putf("%llu", ctx_of(c).end_time);
+}
+void put_ip(bcp_line &l, const void *c) { l.putf("%u", ctx_of(c).ip_number); }
+void put_src_ip(bcp_line &l, const void *c) { l.putf("%u", ctx_of(c).src_ip_number); }
+void put_port_80(bcp_line &l, const void *) { l.putf("%d", 80); }
+void put_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->mac); }
+void put_equipment_id(bcp_line &l, const void *c) { l.put(ctx_of(c).equipment_id); }
+void put_ap_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->ap_mac); }
+void put_session_id(bcp_line &l, const void *c) { l.put(ctx_of(c).session_id); }
+void put_field_strength(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->field_strength); }
+
+constexpr bcp_column source_0001_columns[] = {
+    {{"B040021", "AUTH_TYPE", "认证类型"}, put_auth_type},
+    {{"B040022", "AUTH_ACCOUNT", "认证帐号"}, put_account},
+    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
+    {{"G020020", "NETSITE_TYPE", "上网服务场所编码"}, bcp_put_netbar_type_str},
+    {{"B030004", "CERTIFICATE_TYPE", "身份证件类型"}, bcp_put_empty},
+    {{"B030005", "CERTIFICATE_CODE", "身份证件号码"}, bcp_put_empty},
+    {{"G030001", "APP_COMPANY_NAME", "APP厂商名称"}, bcp_put_empty},
+    {{"G030002", "APP_SOFTWARE_NAME", "APP应用软件名称"}, bcp_put_empty},
+    {{"G030003", "APP_VERSION", "APP版本号"}, bcp_put_empty},
+    {{"G030004", "APPID", "APP终端认证码"}, bcp_put_empty},
+    {{"H010015", "START_TIME", "上线时间"}, put_start_time},
+    {{"H010016", "END_TIME", "下线时间"}, put_end_time},
+    {{"F020001", "IP_ADDRESS", "场所内网IP地址"}, put_ip},
+    {{"F020004", "SRC_IP", "源外网IPv4地址"}, put_src_ip},
+    {{"F020010", "SRC_IPV6", "源外网IPv6地址"}, bcp_put_empty},
+    {{"F020019", "SRC_PORT_START", "源外网IPv4起始端口号"}, put_port_80},
+    {{"F020020", "SRC_PORT_END", "源外网IPv4结束端口号"}, put_port_80},
+    {{"F020021", "SRC_PORT_START_V6", "源外网IPv6起始端口号"}, bcp_put_empty},
+    {{"F020022", "SRC_PORT_END_V6", "源外网IPv6结束端口号"}, bcp_put_empty},
+    {{"C040002", "MAC", "终端MAC地址"}, put_mac},
+    {{"I070011", "COLLECTION_EQUIPMENT_ID", "AP设备编号"}, put_equipment_id},
+    {{"F030011", "AP_MAC", "AP设备MAC地址"}, put_ap_mac},
+    {{"F010001", "LONGITUDE", "移动AP经度"}, bcp_put_longitude},
+    {{"F010002", "LATITUDE", "移动AP纬度"}, bcp_put_latitude},
+    {{"H010013", "SESSIONID", "会话ID"}, put_session_id},
+    {{"I070003", "TERMINAL_FIELD_STRENGTH", "场强"}, put_field_strength},
+    {{"I070001", "X_COORDINATE", "X坐标"}, bcp_put_empty},
+    {{"I070002", "Y_COORDINATE", "Y坐标"}, bcp_put_empty},
+    {{"B010001", "NAME", "上网人员姓名"}, bcp_put_empty},
+    {{"B020007", "IMSI", "终端IMSI码"}, bcp_put_empty},
+    {{"C050001", "IMEI_ESN_MEID", "终端IMSI码"}, bcp_put_empty},
+    {{"C020004", "OS_NAME", "终端系统"}, bcp_put_empty},
+    {{"C010002", "BRAND", "终端品牌"}, bcp_put_empty},
+    {{"C010003", "MODEL", "终端型号"}, bcp_put_empty},
+};
+
+// Eight tabs between items, the wide closing.
+constexpr bcp_template_style SOURCE_0001_STYLE = {8, 7};
+
+int netbar_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
+  const unsigned online = va_arg(*ap, unsigned);
+  auto *rec = va_arg(*ap, netbar_terminal *);
+  if (!rec)
+    return 0;
+  bcp_mac_to_record_form(rec->mac);
+  bcp_mac_to_record_form(rec->ap_mac);
+  terminal_record t;
+  t.rec = rec;
+  t.online = online != 0;
+  t.end_time = static_cast<unsigned long long>(time(nullptr));
+  char equipment_id[24];
+  snprintf(equipment_id, sizeof(equipment_id), "%s", qz2fh_get_equipment_id(rec->ap_mac));
+  t.equipment_id = equipment_id;
+  char session_id[NETBAR_SESSION_ID_SIZE];
+  netbar_session_id(session_id, rec->mac, rec->online_time);
+  t.session_id = session_id;
+  t.ip_number = netbar_ipv4_number(rec->ip);
+  const char *route_ip = qz2fh_get_route_ip();
+  t.src_ip_number = route_ip ? netbar_ipv4_number(route_ip) : 0;
+  return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0001], source_0001_columns,
+                  std::size(source_0001_columns), &t) == 0
+             ? 0
+             : -1;
+}
+
+void netbar_recv_callback(int sock, void *, void *) {
+  uint8_t buf[NETBAR_SHELL_MSG_MAX];
+  sockaddr_un from;
+  socklen_t from_len = sizeof(from);
+  ssize_t n = recvfrom(sock, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&from), &from_len);
+  if (n < 0) {
+    log_msg(ERROR, "read from domain fd failed");
+    return;
+  }
+  netbar_shell_process(buf, static_cast<size_t>(n));
+}
+
+int netbar_create_unix_sock() {
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    log_msg(ERROR, "socket failed:");
+    return -1;
+  }
+  unlink(QZ_SHELL_SOCK_PATH);
+  sockaddr_un addr;
+  memset(&addr, 0, sizeof(addr));
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, QZ_SHELL_SOCK_PATH, sizeof(addr.sun_path) - 1);
+  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+    log_msg(ERROR, "bind failed!");
+    close(fd);
+    return -1;
+  }
+  log_msg(DEBUG, "create sock fd ok: [fd:%d]\n", fd);
+  return fd;
+}
+
+}  // namespace
+
+const char *netbar_shell_parse(const uint8_t *data, size_t len, netbar_shell_msg *msg) {
+  msg->count = 0;
+  msg->text = nullptr;
+  if (len < SHELL_HEADER)
+    return "shorter than its command type";
+  memcpy(&msg->cmd, data, SHELL_HEADER);
+  const char *text = reinterpret_cast<const char *>(data + SHELL_HEADER);
+  const size_t text_len = len - SHELL_HEADER;
+  const void *nul = memchr(text, '\0', text_len);
+  if (!nul)
+    return "text without a terminator";
+  msg->text = text;
+  std::string_view rest(text, static_cast<const char *>(nul) - text);
+  while (msg->count < static_cast<int>(std::size(msg->tokens))) {
+    const size_t start = rest.find_first_not_of(' ');
+    if (start == std::string_view::npos)
+      break;
+    rest.remove_prefix(start);
+    const size_t end = rest.find(' ');
+    msg->tokens[msg->count++] = rest.substr(0, end);
+    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
+  }
+  return nullptr;
+}
+
+uint32_t netbar_ipv4_number(const char *text) {
+  const in_addr_t a = inet_addr(text);
+  uint8_t b[4];
+  memcpy(b, &a, sizeof(b));
+  return static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
+         static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24;
+}
+
+void netbar_shell_process(const uint8_t *data, size_t len) {
+  // Part of the socket's read callback, also run for queued datagrams.
+  static const char func[] = "netbar_recv_callback";
+  log_msg_as(func, DEBUG, "read %d from shell \n", static_cast<int>(len));
+  netbar_shell_msg msg;
+  const char *why = netbar_shell_parse(data, len, &msg);
+  if (why && len < SHELL_HEADER) {
+    log_msg_as(func, DEBUG, "datagram refused: %s\n", why);
+    return;
+  }
+  if (msg.cmd != NETBAR_CMD_OFFLINE && msg.cmd != NETBAR_CMD_ONLINE) {
+    log_msg_as(func, DEBUG, "UNKNOWN cmd type:%d\n", static_cast<int>(msg.cmd));
+    return;
+  }
+  if (why) {
+    log_msg_as(func, DEBUG, "datagram refused: %s\n", why);
+    return;
+  }
+  if (msg.cmd == NETBAR_CMD_OFFLINE)
+    netbar_terminal_offline(msg);
+  else
+    netbar_terminal_online(msg);
+}
+
+void netbar_init_sock() {
+  netbar_terminal_table = str_table_new();
+  if (!netbar_terminal_table)
+    return;
+  int fd = netbar_create_unix_sock();
+  if (fd < 0) {
+    log_msg(ERROR, "init shell fd failed!\n");
+  } else if (eloop_add_reader(fd, netbar_recv_callback, nullptr, nullptr) != 0) {
+    close(fd);
+  } else {
+    log_msg(DEBUG, "init shell fd success!\n");
+    feed_queue_add_source(fd, NETBAR_SHELL_MSG_MAX, netbar_shell_process);
+  }
+  bcp_dataset_init(
+      &netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
+      bcp_make_template(source_0001_columns, std::size(source_0001_columns), SOURCE_0001_STYLE),
+      netbar_0001_business_handle);
+}

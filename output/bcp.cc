@@ -1,1 +1,103 @@
-// placeholder
+#include "output/bcp_dataset.h"
+
+#include <cstring>
+#include <ctime>
+
+#include "config/config.h"
+#include "frame/log.h"
+#include "frame/paths.h"
+#include "output/archive.h"
+
+bcp_group *bcp_group_table[BCP_GROUP_TABLE_SIZE];
+
+void bcp_group_register(bcp_group *group) {
+  for (bcp_dataset &ds : group->datasets)
+    ds.group = group;
+  bcp_group_table[group->id] = group;
+}
+
+void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
+                      bcp_business_handler handler) {
+  ds->fp = nullptr;
+  ds->name = name;
+  ds->index_template = index_template;
+  ds->handler = handler;
+}
+
+int bcp_dispatch(uint32_t group, uint32_t index, unsigned argc, ...) {
+  if (group >= BCP_GROUP_TABLE_SIZE || index >= BCP_GROUP_DATASETS)
+    return 0;
+  bcp_group *g = bcp_group_table[group];
+  if (!g || !g->datasets[index].handler)
+    return 0;
+  va_list ap;
+  va_start(ap, argc);
+  int res = g->datasets[index].handler(group, index, static_cast<uint8_t>(argc), &ap, g->datasets);
+  va_end(ap);
+  return res;
+}
+
+namespace {
+
+void qz2fh_get_bcp_filename(const bcp_dataset *ds, char *path, size_t size) {
+  const unsigned sequence = ds->bcp_sequence;
+  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
+  const char *source = qz2fh_get_source_str();
+  char spool_dir[BCP_NAME_SIZE];
+  snprintf(spool_dir, sizeof(spool_dir), QZ_SPOOL_DIR_FORMAT, static_cast<int>(ds->group->id));
+  snprintf(path, size, "%s/%d-%s-%llu-%05d-%s-0.bcp", spool_dir, static_cast<int>(ds->group->id),
+           source, now, static_cast<int>(sequence), ds->name);
+  log_msg(DEBUG, "create file : %s", path);
+}
+
+int qz2fh_open_bcp_file(bcp_dataset *ds, const char *path) {
+  FILE *fp = fopen(path, "a+e");
+  if (!fp) {
+    log_msg(DEBUG, "open file %s fail", path);
+    return 1;
+  }
+  ds->fp = fp;
+  const char *slash = strrchr(path, '/');
+  snprintf(ds->file_name, sizeof(ds->file_name), "%s", slash ? slash + 1 : path);
+  ds->record_count = 0;
+  ds->bcp_sequence++;
+  return 0;
+}
+
+}  // namespace
+
+void bcp_file_list_add(bcp_dataset *ds) {
+  bcp_group *g = ds->group;
+  bcp_file_entry &e = g->bcp_file_list[g->bcp_file_count];
+  memcpy(e.file_name, ds->file_name, sizeof(e.file_name));
+  e.record_count = ds->record_count;
+  e.index_template = ds->index_template;
+  e.name = ds->name;
+  g->bcp_file_count = static_cast<uint16_t>((g->bcp_file_count + 1) % BCP_FILE_LIST_SIZE);
+}
+
+int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
+  if (!ds->fp) {
+    char path[BCP_NAME_SIZE];
+    qz2fh_get_bcp_filename(ds, path, sizeof(path));
+    if (qz2fh_open_bcp_file(ds, path) != 0)
+      return 1;
+  }
+  fwrite(line, 1, len, ds->fp);
+  if (++ds->record_count == BCP_MAX_RECORDS) {
+    bcp_file_list_add(ds);
+    fclose(ds->fp);
+    ds->fp = nullptr;
+    ds->record_count = 0;
+    // The count runs modulo the list size and the archive step adds one
+    // entry per open file: archive now, while the list can still take them
+    // all, so that no finished file is overwritten or left out of an index.
+    bcp_group *g = ds->group;
+    if (g->bcp_file_count >= BCP_FILE_LIST_SIZE - 1 - BCP_GROUP_DATASETS) {
+      log_msg(WARN, "group %d finished %d files in one cycle, archiving early\n",
+              static_cast<int>(g->id), static_cast<int>(g->bcp_file_count));
+      group_archive_cycle(g, false);
+    }
+  }
+  return 0;
+}

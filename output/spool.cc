@@ -1,1 +1,134 @@
-// placeholder
+#include "output/spool.h"
+
+#include <cstdio>
+
+#include "config/config.h"
+#include "frame/command.h"
+#include "frame/log.h"
+#include "frame/paths.h"
+
+namespace {
+
+constexpr size_t COMMAND_SIZE = 512;
+
+void set_spool_dir(int id, bcp_group_state *st) {
+  snprintf(st->spool_dir, sizeof(st->spool_dir), QZ_SPOOL_DIR_FORMAT, id);
+}
+
+// A command cut to its buffer could run something else than meant.
+bool command_fits(int n, const char *func) {
+  if (n < 0 || static_cast<size_t>(n) >= COMMAND_SIZE) {
+    log_msg_as(func, ERROR, "command longer than %d bytes, not run\n",
+               static_cast<int>(COMMAND_SIZE) - 1);
+    return false;
+  }
+  return true;
+}
+
+bool url_unreserved(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.' || c == '_' || c == '~';
+}
+
+bool shell_plain(unsigned char c) {
+  if (c == '~')  // tilde expansion
+    return false;
+  return url_unreserved(c) || c == '/' || c == ':' || c == ',' || c == '+' || c == '=' ||
+         c == '@' || c == '%';
+}
+
+}  // namespace
+
+std::string shell_word(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char ch : text) {
+    if (!shell_plain(static_cast<unsigned char>(ch)))
+      out += '\\';
+    out += ch;
+  }
+  return out;
+}
+
+std::string url_credential(std::string_view text) {
+  static const char hex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (char ch : text) {
+    unsigned char c = static_cast<unsigned char>(ch);
+    if (url_unreserved(c)) {
+      out += ch;
+    } else {
+      out += '%';
+      out += hex[c >> 4];
+      out += hex[c & 15];
+    }
+  }
+  return out;
+}
+
+void qz2fh_create_dir(int id, bcp_group_state *st) {
+  set_spool_dir(id, st);
+  char cmd[COMMAND_SIZE];
+  snprintf(cmd, sizeof(cmd), "mkdir %s 2>/dev/null", st->spool_dir);
+  log_msg(DEBUG, "%s\n", cmd);
+  command_system(cmd);
+}
+
+int qz2fh_delete_dir_file(int id, bcp_group_state *st) {
+  set_spool_dir(id, st);
+  char cmd[COMMAND_SIZE];
+  snprintf(cmd, sizeof(cmd), "rm %s/* 2>/dev/null", st->spool_dir);
+  log_msg(DEBUG, "%s\n", cmd);
+  return command_system(cmd);
+}
+
+void qz2fh_form_zip_file(int id, bcp_group_state *st) {
+  set_spool_dir(id, st);
+  char zip_path[BCP_NAME_SIZE];
+  snprintf(zip_path, sizeof(zip_path), "%s/%s", st->spool_dir, st->zip_name);
+  char cmd[COMMAND_SIZE];
+  int n = snprintf(cmd, sizeof(cmd), "cd %s;zip -m %s ./* 2>/dev/null", st->spool_dir,
+                   shell_word(zip_path).c_str());
+  if (!command_fits(n, __func__))
+    return;
+  log_msg(DEBUG, "%s\n", cmd);
+  command_system(cmd);
+}
+
+namespace {
+
+// Builds and runs the upload command, logging it under "qz2fh_send_zip_file"
+// with the password masked.
+void send_file(const char *local_path, const char *remote_dir) {
+  static const char func[] = "qz2fh_send_zip_file";
+  const std::string local = shell_word(local_path);
+  const std::string user = url_credential(qz2fh_get_ftp_username());
+  const std::string host = shell_word(qz2fh_get_ftp_ip());
+  const std::string port = shell_word(qz2fh_get_ftp_port());
+  const std::string remote = shell_word(remote_dir);
+  char cmd[COMMAND_SIZE];
+  int n = snprintf(cmd, sizeof(cmd), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
+                   user.c_str(), url_credential(qz2fh_get_ftp_password()).c_str(), host.c_str(),
+                   port.c_str(), remote.c_str());
+  if (!command_fits(n, func))
+    return;
+  char shown[COMMAND_SIZE + 32];
+  snprintf(shown, sizeof(shown), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
+           user.c_str(), "[KEY DATA REMOVED]", host.c_str(), port.c_str(), remote.c_str());
+  log_msg_as(func, DEBUG, "system cmd: %s\n", shown);
+  command_system(cmd);
+}
+
+}  // namespace
+
+void qz2fh_send_zip_file(int id, bcp_group_state *st) {
+  char local_path[COMMAND_SIZE];
+  snprintf(local_path, sizeof(local_path), "/%s/%d/%s", "tmp", id, st->zip_name);
+  set_spool_dir(id, st);
+  send_file(local_path, st->spool_dir);
+}
+
+void qz2fh_send_file(const char *local_path, const char *remote_dir) {
+  send_file(local_path, remote_dir);
+}

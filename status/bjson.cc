@@ -1,1 +1,129 @@
-// placeholder
+#include "status/bjson.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "config/config.h"
+#include "config/identity.h"
+#include "config/wtps.h"
+#include "frame/log.h"
+#include "frame/paths.h"
+#include "frame/report_timer.h"
+#include "frame/str_table.h"
+#include "output/bcp_dataset.h"
+#include "output/spool.h"
+
+namespace {
+
+// One access point seen in the listing.
+struct bjson_node {
+  bjson_node *next;
+  bjson_node *prev;
+  uint32_t seen_count;  // lines of the current listing that named it
+  char name[36];        // its MAC text as listed; the table's key
+};
+
+bjson_node bjson_node_list = {&bjson_node_list, &bjson_node_list, 0, {}};
+GHashTable *bjson_node_table;
+uint16_t bjson_sequence;
+report_timer bjson_timer;
+bcp_group_state status_state;
+
+bool count_node(char *name, void *) {
+  auto *node = static_cast<bjson_node *>(str_table_get(bjson_node_table, name));
+  if (node) {
+    node->seen_count++;
+    return true;
+  }
+  node = static_cast<bjson_node *>(calloc(1, sizeof(bjson_node)));
+  if (!node)
+    return false;
+  node->seen_count = 1;
+  snprintf(node->name, sizeof(node->name), "%s", name);
+  str_table_put(bjson_node_table, node->name, node);
+  // New access points go last, so the file follows the listing's order.
+  node->next = &bjson_node_list;
+  node->prev = bjson_node_list.prev;
+  bjson_node_list.prev->next = node;
+  bjson_node_list.prev = node;
+  return true;
+}
+
+// True when the whole listing was read into the node list.
+bool bjson_update_node_list() {
+  switch (wtps_read(__func__, count_node, nullptr)) {
+    case WTPS_FAILED:
+      log_msg(DEBUG, "wum -c wtps fail\n");
+      return false;
+    case WTPS_CUT:
+      return false;
+    case WTPS_DONE:
+      break;
+  }
+  return true;
+}
+
+// Writes one line per node and forgets the nodes the listing no longer
+// names, after reporting them once as gone. Returns the lines written.
+int write_nodes(FILE *fp) {
+  int lines = 0;
+  bjson_node *node = bjson_node_list.next;
+  while (node != &bjson_node_list) {
+    bjson_node *next = node->next;
+    const int gone = node->seen_count == 0 ? 1 : 0;
+    char line[2048];
+    snprintf(line, sizeof(line), "{\"fc\":\"%s\", \"sc\":\"%s\", \"dc\":\"%s\", \"ds\":\"%d\"}",
+             qz2fh_get_org_code(), qz2fh_get_netbar_wacode(), qz2fh_get_equipment_id(node->name),
+             gone);
+    if (gone) {
+      node->prev->next = node->next;
+      node->next->prev = node->prev;
+      str_table_del(bjson_node_table, node->name);
+    } else {
+      node->seen_count = 0;
+    }
+    fputs(line, fp);
+    fputs("\n", fp);
+    lines++;
+    node = next;
+  }
+  return lines;
+}
+
+}  // namespace
+
+void bjson_report_timer(void *) {
+  if (bjson_update_node_list()) {
+    char path[BCP_NAME_SIZE];
+    snprintf(path, sizeof(path), QZ_SPOOL_DIR_FORMAT "/145-%s-%llu-%d-DEVICESTATUS-0.bjson",
+             static_cast<int>(QZ2FH_STATUS_DIR_ID), qz2fh_get_source_str(),
+             static_cast<unsigned long long>(time(nullptr)), static_cast<int>(bjson_sequence++));
+    FILE *fp = fopen(path, "a+e");
+    if (fp) {
+      const int lines = write_nodes(fp);
+      fclose(fp);
+      if (lines > 0) {
+        char remote_dir[BCP_NAME_SIZE];
+        snprintf(remote_dir, sizeof(remote_dir), QZ_SPOOL_DIR_FORMAT,
+                 static_cast<int>(QZ2FH_STATUS_DIR_ID));
+        qz2fh_send_file(path, remote_dir);
+        log_msg(DEBUG, "send bjson file :%s\n", path);
+      }
+    }
+  }
+  qz2fh_delete_dir_file(QZ2FH_STATUS_DIR_ID, &status_state);
+  bjson_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+}
+
+void bjson_report_init() {
+  bjson_node_table = str_table_new();
+  if (!bjson_node_table)
+    return;
+  report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS);
+  report_timer_add(&bjson_timer);
+  qz2fh_delete_dir_file(QZ2FH_STATUS_DIR_ID, &status_state);
+  qz2fh_create_dir(QZ2FH_STATUS_DIR_ID, &status_state);
+}

@@ -1,1 +1,187 @@
-// placeholder
+#include "terminal/source_group.h"
+
+#include <iterator>
+
+#include "config/config.h"
+#include "config/identity.h"
+#include "frame/log.h"
+#include "output/archive.h"
+#include "output/bcp_values.h"
+#include "output/spool.h"
+#include "output/wtps_scan.h"
+
+namespace {
+
+bcp_group source_group = {
+    QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE", "source_report_timer", {}, {}, 0, {}, {}};
+
+enum {
+  SOURCE_1001,
+  SOURCE_1002,
+  BASIC_1001,
+  BASIC_1002,
+  BASIC_1003,
+  BASIC_1004,
+};
+
+report_timer basic_1001_timer, basic_1002_timer, basic_1003_timer, basic_1004_timer;
+
+void put_ap_time(bcp_line &l, const void *ctx) {
+  l.putf("%llu", static_cast<const ap_record *>(ctx)->now);
+}
+void put_equipment_type(bcp_line &l, const void *) { l.putf("%d", qz2fh_get_equipment_type()); }
+void put_upload_interval(bcp_line &l, const void *) { l.putf("%d", 300); }
+void put_collection_radius(bcp_line &l, const void *) { l.putf("%d", 150); }
+
+// Access-point presence.
+constexpr bcp_column basic_1001_columns[] = {
+    {{"I070011", "COLLECTION_EQUIPMENTID", "采集设备编号"}, bcp_put_ap_equipment_id},
+    {{"G020004", "NETBAR_WACODE", "场所编号"}, bcp_put_wacode},
+    {{"F010018", "COLLECTION_EQUIPMENT_LONGITUDE", "采集设备经度"}, bcp_put_longitude},
+    {{"F010019", "COLLECTION_EQUIPMENT_LATITUDE", "采集设备纬度"}, bcp_put_latitude},
+    {{"H010014", "TIME", "时间"}, put_ap_time},
+};
+
+// Collection equipment, one per access point.
+constexpr bcp_column basic_1002_columns[] = {
+    {{"G020004", "NETBAR_WACODE", "场所编号"}, bcp_put_wacode},
+    {{"I070011", "COLLECTION_EQUIPMENTID", "采集设备编号"}, bcp_put_ap_equipment_id},
+    {{"I070012", "COLLECTION_EQUIPMENT_NAME", "采集设备名称"}, bcp_put_equipment_name},
+    {{"I070013", "COLLECTION_EQUIPMENT_ADRESS", "设备地址"}, bcp_put_address},
+    {{"I070014", "COLLECTION_EQUIPMENT_TYPE", "采集设备类型"}, put_equipment_type},
+    {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "安全厂商组织机构代码"}, bcp_put_org_code},
+    {{"F010018", "COLLECTION_EQUIPMENT_LONGITUDE", "采集设备经度"}, bcp_put_longitude},
+    {{"F010019", "COLLECTION_EQUIPMENT_LATITUDE", "采集设备纬度"}, bcp_put_latitude},
+    {{"I070015", "UPLOAD_TIME_INTERVAL", "上传数据间隔时间"}, put_upload_interval},
+    {{"I070004", "COLLECTION_RADIUS", "采集半径"}, put_collection_radius},
+    {{"C030002", "VEHICLE_CODE", "车牌号码"}, bcp_put_empty},
+    {{"C030006", "SUBWAY_LINE_INFO", "地铁线路信息"}, bcp_put_empty},
+    {{"C030007", "SUBWAY_VEHICLE_INFO", "地铁车辆信息"}, bcp_put_empty},
+    {{"C030008", "SUBWAY_COMPARTMENT_NUMBER", "地铁车厢编号"}, bcp_put_empty},
+};
+
+// The place.
+constexpr bcp_column basic_1003_columns[] = {
+    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
+    {{"F040002", "PLACE_NAME", "上网服务场所名称"}, bcp_put_netbar_name},
+    {{"G020017", "SITE_ADDRESS", "场所详细地址"}, bcp_put_address},
+    {{"F010016", "LONGITUDE", "场所经度"}, bcp_put_longitude},
+    {{"F010017", "LATITUDE", "场所纬度"}, bcp_put_latitude},
+    {{"F040011", "NETSITE_TYPE", "场所服务类型"}, bcp_put_netbar_type_str},
+    {{"E010007", "BUSINESS_NATURE", "场所经营性质"}, bcp_put_netbar_property_str},
+    {{"E020001", "LAW_PRINCIPAL_NAME", "场所经营法人"}, bcp_put_empty},
+    {{"E020003", "LAW_PRINCIPAL_CERTIFICATE_TYPE", "经营法人有效证件类型"}, bcp_put_empty},
+    {{"E020004", "LAW_PRINCIPAL_CERTIFICATE_ID", "经营法人有效证件号码"}, bcp_put_empty},
+    {{"B070003", "RELATIONSHIP_ACCOUNT", "联系方式"}, bcp_put_empty},
+    {{"I070009", "START_TIME", "营业开始时间"}, bcp_put_empty},
+    {{"I070010", "END_TIME", "营业结束时间"}, bcp_put_empty},
+    {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
+};
+
+// The vendor.
+constexpr bcp_column basic_1004_columns[] = {
+    {{"G020014", "SECURITY_SOFTWARE_ORGNAME", "厂商名称"}, bcp_put_org_name},
+    {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
+    {{"G020037", "SECURITY_SOFTWARE_ADDRESS", "厂商地址"}, bcp_put_org_address},
+    {{"E020017", "CONTACTOR", "联系人"}, bcp_put_contactor},
+    {{"E020020", "CONTACTOR_TEL", "联系人电话"}, bcp_put_org_tel_num},
+    {{"E020023", "CONTACTOR_MAIL", "联系人邮件"}, bcp_put_org_mail},
+};
+
+bcp_dataset *dataset(int index) { return &source_group.datasets[index]; }
+
+// The two source datasets of this group are registered but never write.
+int source_1001_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) { return 0; }
+int source_1002_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) { return 0; }
+
+void source_1001_init() {
+  bcp_dataset_init(dataset(SOURCE_1001), "WA_SOURCE_FJ_1001", nullptr, source_1001_business_handle);
+}
+
+void source_1002_init() {
+  bcp_dataset_init(dataset(SOURCE_1002), "WA_SOURCE_FJ_1002", nullptr, source_1002_business_handle);
+}
+
+int source_basic_1001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
+  return bcp_emit_ap_record(__func__, dataset(BASIC_1001), basic_1001_columns,
+                            std::size(basic_1001_columns), va_arg(*ap, char *), false);
+}
+
+int source_basic_1002_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
+  return bcp_emit_ap_record(__func__, dataset(BASIC_1002), basic_1002_columns,
+                            std::size(basic_1002_columns), va_arg(*ap, char *), false);
+}
+
+int source_basic_1003_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
+  return bcp_emit(__func__, dataset(BASIC_1003), basic_1003_columns, std::size(basic_1003_columns),
+                  nullptr);
+}
+
+int source_basic_1004_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
+  return bcp_emit(__func__, dataset(BASIC_1004), basic_1004_columns, std::size(basic_1004_columns),
+                  nullptr);
+}
+
+void source_basic_1001_report_timer(void *) {
+  wtps_scan(QZ2FH_TERMINAL_TYPE, BASIC_1001, &basic_1001_timer, __func__);
+}
+
+void source_basic_1002_report_timer(void *) {
+  wtps_scan(QZ2FH_TERMINAL_TYPE, BASIC_1002, &basic_1002_timer, __func__);
+}
+
+void source_basic_1003_report_timer(void *) {
+  bcp_dispatch(QZ2FH_TERMINAL_TYPE, BASIC_1003, 0);
+  basic_1003_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+}
+
+void source_basic_1004_report_timer(void *) {
+  bcp_dispatch(QZ2FH_TERMINAL_TYPE, BASIC_1004, 0);
+  basic_1004_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+}
+
+void source_basic_1001_init() {
+  bcp_periodic_dataset_init(dataset(BASIC_1001), "WA_BASIC_FJ_1001", basic_1001_columns,
+                            std::size(basic_1001_columns), BCP_STYLE_WIDE_CLOSE,
+                            source_basic_1001_business_handle, &basic_1001_timer,
+                            source_basic_1001_report_timer);
+}
+
+void source_basic_1002_init() {
+  bcp_periodic_dataset_init(dataset(BASIC_1002), "WA_BASIC_FJ_1002", basic_1002_columns,
+                            std::size(basic_1002_columns), BCP_STYLE_PLAIN,
+                            source_basic_1002_business_handle, &basic_1002_timer,
+                            source_basic_1002_report_timer);
+}
+
+void source_basic_1003_init() {
+  bcp_periodic_dataset_init(dataset(BASIC_1003), "WA_BASIC_FJ_1003", basic_1003_columns,
+                            std::size(basic_1003_columns), BCP_STYLE_PLAIN,
+                            source_basic_1003_business_handle, &basic_1003_timer,
+                            source_basic_1003_report_timer);
+}
+
+void source_basic_1004_init() {
+  bcp_periodic_dataset_init(dataset(BASIC_1004), "WA_BASIC_FJ_1004", basic_1004_columns,
+                            std::size(basic_1004_columns), BCP_STYLE_PLAIN,
+                            source_basic_1004_business_handle, &basic_1004_timer,
+                            source_basic_1004_report_timer);
+}
+
+}  // namespace
+
+void source_report_timer(void *) { group_archive_cycle(&source_group, true); }
+
+void source_group_init() {
+  bcp_group_register(&source_group);
+  report_timer_init(&source_group.timer, source_report_timer, REPORT_COUNTDOWN_SECONDS);
+  report_timer_add(&source_group.timer);
+  qz2fh_delete_dir_file(QZ2FH_TERMINAL_TYPE, &source_group.state);
+  qz2fh_create_dir(QZ2FH_TERMINAL_TYPE, &source_group.state);
+  source_1001_init();
+  source_1002_init();
+  source_basic_1001_init();
+  source_basic_1002_init();
+  source_basic_1003_init();
+  source_basic_1004_init();
+}

@@ -1,0 +1,25 @@
+// Messages of the kernel netlink feed.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr size_t NETLINK_MSG_MAX = 1040;
+// An event is at least this long; anything shorter is an error.
+constexpr size_t NETLINK_MSG_MIN = 72;
+
+struct netlink_http_event {
+  char mac[64];  // "xx:xx:xx:xx:xx:xx", lower case
+  uint32_t ip;   // host byte order
+  uint16_t port;
+  uint32_t dst_ip;
+  uint16_t dst_port;
+};
+
+struct netlink_event {
+  uint8_t type;  // 1 app, 2 http, 3 dpi, others unknown
+  netlink_http_event http;
+};
+
+// Reads an event message, never past len. Null, or why it is refused.
+const char *netlink_parse(const uint8_t *data, size_t len, netlink_event *ev);

@@ -1,0 +1,41 @@
+// Terminals online, and the datagrams that announce them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+// One online terminal, owned by the terminal table from its online message
+// to its offline message.
+struct netbar_terminal {
+  char auth_type[8];  // 7-digit code of the authentication type
+  char account[64];
+  char ip[24];
+  char mac[32];  // rewritten to record form by the record writer
+  unsigned long long online_time;
+  char ap_mac[32];  // access point serving the terminal; rewritten too
+  char field_strength[32];
+  char key[32];  // the MAC as received: the table's key, owned here
+};
+
+enum { NETBAR_CMD_OFFLINE = 2, NETBAR_CMD_ONLINE = 3 };
+
+constexpr size_t NETBAR_SHELL_MSG_MAX = 260;
+
+// A datagram: command type, then a NUL-terminated text of blank-separated
+// tokens (runs of blanks count as one).
+struct netbar_shell_msg {
+  uint32_t cmd;
+  const char *text;  // inside the received bytes
+  std::string_view tokens[5];
+  int count;  // tokens found, at most 5
+};
+
+// Splits a datagram, never reading past len. Returns null, or why the
+// datagram cannot be used (then msg->cmd may still be set).
+const char *netbar_shell_parse(const uint8_t *data, size_t len, netbar_shell_msg *msg);
+
+// The little-endian reading of an address's four network-order bytes, as
+// the platform expects it: 192.168.1.10 gives 167880896. 4294967295 for a
+// text that is not an address.
+uint32_t netbar_ipv4_number(const char *text);

@@ -1,0 +1,9 @@
+// The terminal-type dataset group (146): the collecting equipment's own
+// records: access points, place and vendor.
+#pragma once
+
+// Registers the group, empties and creates /tmp/146 and sets up its six
+// datasets with their timers.
+void source_group_init();
+// The group's archive timer.
+void source_report_timer(void *arg);
