@@ -1,0 +1,69 @@
+#!/bin/sh
+# Lints the packaging: every shell script under packaging/ goes through the
+# shell's own syntax check and shellcheck, and the example configuration
+# must hold the seventeen string keys the daemon needs.
+# Exit status 0 when everything passes, 1 otherwise.
+set -u
+
+here=$(cd "$(dirname "$0")" && pwd)
+failed=0
+
+fail() {
+	echo "FAIL: $*" >&2
+	failed=1
+}
+
+# Prints the shell dialect of a script (sh or bash), or nothing.
+dialect() {
+	case $1 in
+	*.init) echo sh; return ;;  # "#!/bin/sh /etc/rc.common"
+	esac
+	case $(head -n 1 "$1") in
+	'#!/bin/sh'* | '#!/usr/bin/env sh'*) echo sh ;;
+	'#!/bin/bash'* | '#!/usr/bin/env bash'*) echo bash ;;
+	*.sh) echo sh ;;
+	esac
+}
+
+if ! command -v shellcheck >/dev/null 2>&1; then
+	fail "shellcheck is not installed"
+fi
+
+list=$(mktemp)
+trap 'rm -f "$list"' EXIT
+find "$here" -type f | sort >"$list"
+checked=0
+while IFS= read -r f; do
+	shell=$(dialect "$f")
+	[ -n "$shell" ] || continue
+	checked=$((checked + 1))
+	if [ "$shell" = bash ]; then
+		bash -n "$f" || fail "bash -n $f"
+	else
+		sh -n "$f" || fail "sh -n $f"
+	fi
+	if command -v shellcheck >/dev/null 2>&1; then
+		shellcheck -s "$shell" "$f" || fail "shellcheck $f"
+	fi
+done <"$list"
+[ "$checked" -gt 0 ] || fail "no shell script found under $here"
+
+python=/usr/bin/python3
+[ -x "$python" ] || python=python3
+"$python" - "$here/qz_fh_audit.json.example" <<'EOF' || fail "qz_fh_audit.json.example"
+import json, sys
+keys = """fh_netbar_property_str fh_netbar_type_str fh_netbar_name fh_equipment_name
+fh_source_str fh_address fh_dst_str fh_longitude fh_latitude fh_org_name
+fh_org_tel_num fh_org_mail fh_org_address fh_ftp_ip fh_ftp_port
+fh_ftp_username fh_ftp_password""".split()
+with open(sys.argv[1], encoding="utf-8") as f:
+    conf = json.load(f)
+bad = [k for k in keys if not isinstance(conf.get(k), str)]
+if bad:
+    sys.exit("%s: missing or not a string: %s" % (sys.argv[1], ", ".join(bad)))
+EOF
+
+if [ "$failed" -eq 0 ]; then
+	echo "packaging: $checked shell scripts and the example configuration pass"
+fi
+exit "$failed"

@@ -1,0 +1,127 @@
+// The writing frame: file names, sequence numbers, roll-over and the list
+// of finished files, on a group of the test's own.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+
+#include "frame/log.h"
+#include "output/archive.h"
+#include "output/bcp_dataset.h"
+#include "output/bcp_record.h"
+#include "tests/unit/test_support.h"
+
+namespace {
+
+constexpr uint32_t TEST_GROUP = 150;
+bcp_group test_group = {TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer", {}, {}, 0, {}, {}};
+
+int tiny_handler(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *datasets) {
+  return bcp_write_line(&datasets[1], "x\n", 2);
+}
+
+void put_value(bcp_line &l, const void *ctx) { l.put(static_cast<const char *>(ctx)); }
+
+class BcpWriter : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    run.pass_through("mkdir");
+    run.pass_through("rm");
+    load_test_config();
+    bcp_dataset_init(&test_group.datasets[1], "WA_TEST_1", "%s%d%s%s%s%d\n", tiny_handler);
+    bcp_group_register(&test_group);
+    ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
+  }
+  fake_runner run;
+};
+
+TEST_F(BcpWriter, NamesSequenceAndRollOverAt5000) {
+  EXPECT_EQ(bcp_dispatch(151, 0, 0), 0);  // an unregistered group writes nothing
+  for (int i = 0; i < 5001; i++)
+    ASSERT_EQ(bcp_dispatch(TEST_GROUP, 1, 0), 0);
+  const auto files = list_dir("/tmp/150");
+  ASSERT_EQ(files.size(), 2u);
+  const std::regex name(R"(150-350100-\d{10}-0000([01])-WA_TEST_1-0\.bcp)");
+  EXPECT_TRUE(std::regex_match(files[0], name)) << files[0];
+  EXPECT_TRUE(std::regex_match(files[1], name)) << files[1];
+  EXPECT_NE(files[0].substr(22), files[1].substr(22));
+  // The full file is listed with 5000 records; the next one is open.
+  ASSERT_EQ(test_group.bcp_file_count, 1);
+  EXPECT_EQ(test_group.bcp_file_list[0].record_count, 5000);
+  EXPECT_STREQ(test_group.bcp_file_list[0].name, "WA_TEST_1");
+  EXPECT_EQ(read_file("/tmp/150/" + std::string(test_group.bcp_file_list[0].file_name)).size(),
+            10000u);
+  EXPECT_EQ(test_group.datasets[1].record_count, 1);
+  EXPECT_EQ(test_group.datasets[1].bcp_sequence, 2);
+}
+
+TEST_F(BcpWriter, SequenceWrapsAndFailedOpenKeepsIt) {
+  bcp_dataset &ds = test_group.datasets[1];
+  ds.bcp_sequence = 65535;
+  ASSERT_EQ(system("rm -rf /tmp/150"), 0);
+  debug_mode_on();
+  stdout_capture out;
+  EXPECT_EQ(bcp_dispatch(TEST_GROUP, 1, 0), 1);  // no spool directory: the line is lost
+  EXPECT_NE(out.text().find("open file /tmp/150/150-350100-"), std::string::npos);
+  EXPECT_EQ(ds.bcp_sequence, 65535);
+  ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
+  EXPECT_EQ(bcp_dispatch(TEST_GROUP, 1, 0), 0);
+  EXPECT_EQ(ds.bcp_sequence, 0);
+  EXPECT_NE(list_dir("/tmp/150")[0].find("-65535-WA_TEST_1-0.bcp"), std::string::npos);
+}
+
+TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
+  // Capture every index as the archive step zips it.
+  std::vector<std::string> indexes;
+  run.on_command = [&](const std::string &cmd) {
+    if (cmd.find("zip -m") != std::string::npos)
+      indexes.push_back(read_file("/tmp/150/GAB_ZIP_INDEX.xml"));
+  };
+  const int files = 300;
+  for (int i = 0; i < files * BCP_MAX_RECORDS; i++)
+    bcp_dispatch(TEST_GROUP, 1, 0);
+  ASSERT_EQ(indexes.size(), 1u);  // one early archive, before the list could wrap
+  EXPECT_EQ(test_group.bcp_file_count, files - 249);
+  // Everything listed since is archived by the next regular cycle.
+  group_archive_cycle(&test_group, true);
+  ASSERT_EQ(indexes.size(), 2u);
+  int blocks = 0;
+  for (int seq = 0; seq < files; seq++) {
+    char name[64];
+    snprintf(name, sizeof(name), "-%05d-WA_TEST_1-0.bcp5000", seq);
+    const std::string &index = seq < 249 ? indexes[0] : indexes[1];
+    blocks += index.find(name) != std::string::npos;
+  }
+  EXPECT_EQ(blocks, files);
+}
+
+void put_empty(bcp_line &, const void *) {}
+
+TEST(BcpLine, FieldsEndInTabsAndTheLastInALineFeed) {
+  const bcp_column cols[] = {{{"K1", "E1", "C1"}, put_value},
+                             {{"K2", "E2", "C2"}, put_empty},
+                             {{"K3", "E3", "C3"}, put_value}};
+  bcp_line line;
+  ASSERT_TRUE(bcp_build_line(line, cols, 3, "v"));
+  EXPECT_STREQ(line.c_str(), "v\t\tv\n");
+  EXPECT_EQ(line.fields(), 3);
+}
+
+TEST(BcpLine, ValuesThatWouldBreakTheLineAreRefused) {
+  const bcp_column cols[] = {{{"K1", "E1", "C1"}, put_value}, {{"K2", "E2", "C2"}, put_value}};
+  for (const std::string &bad : {std::string("a\tb"), std::string("a\nb"), std::string("a\rb"),
+                                 std::string(2048, 'x')}) {
+    bcp_line line;
+    EXPECT_FALSE(bcp_build_line(line, cols, 2, bad.c_str())) << bad.size();
+    EXPECT_LT(line.size(), BCP_LINE_SIZE);
+  }
+  const std::string fits(2046, 'y');
+  bcp_line line;
+  EXPECT_TRUE(bcp_build_line(line, cols, 2, fits.c_str()));
+  EXPECT_EQ(line.size(), 4094u);
+  const std::string one_more(2047, 'y');
+  bcp_line longer;
+  EXPECT_FALSE(bcp_build_line(longer, cols, 2, one_more.c_str()));
+}
+
+}  // namespace

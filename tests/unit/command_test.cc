@@ -1,0 +1,84 @@
+#include "frame/command.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/feed_queue.h"
+
+namespace {
+
+TEST(Command, StatusAndOutputAsSystemAndPopen) {
+  EXPECT_EQ(command_system("exit 3"), 3 << 8);
+  EXPECT_EQ(command_system("true"), 0);
+  std::string out;
+  EXPECT_EQ(command_read("printf 'a b\\nc'; exit 1", &out, 100), 1 << 8);
+  EXPECT_EQ(out, "a b\nc");
+  // Output past the bound is read and thrown away.
+  EXPECT_EQ(command_read("head -c 5000 /dev/zero | tr '\\0' x", &out, 1023), 0);
+  EXPECT_EQ(out, std::string(1023, 'x'));
+  // A command that is not found is started all the same, as by popen.
+  EXPECT_EQ(command_read("no_such_command_qz 2>/dev/null", &out, 100), 127 << 8);
+  EXPECT_EQ(out, "");
+}
+
+std::vector<std::string> processed;
+void record(const uint8_t *data, size_t len) {
+  processed.emplace_back(reinterpret_cast<const char *>(data), len);
+}
+
+TEST(Command, FeedsAreQueuedWhileACommandRunsAndHandledInOrderLater) {
+  feed_queue_reset();
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
+  ASSERT_EQ(feed_queue_add_source(fds[0], 260, record), 0);
+  // More than the kernel would queue for an unread datagram socket.
+  std::thread sender([&] {
+    for (int i = 0; i < 300; i++) {
+      std::string msg = "event " + std::to_string(i);
+      ASSERT_EQ(send(fds[1], msg.data(), msg.size(), 0), static_cast<ssize_t>(msg.size()));
+    }
+  });
+  EXPECT_EQ(command_system("sleep 0.5"), 0);
+  sender.join();
+  EXPECT_TRUE(processed.empty());  // nothing is handled while the command runs
+  feed_queue_pull(0);              // what arrived after the command ended
+  feed_queue_drain();
+  ASSERT_EQ(processed.size(), 300u);
+  for (int i = 0; i < 300; i++)
+    EXPECT_EQ(processed[i], "event " + std::to_string(i));
+  EXPECT_EQ(feed_queue_take_dropped(), 0u);
+  close(fds[0]);
+  close(fds[1]);
+}
+
+TEST(Command, QueueBoundDropsAndCountsTheRest) {
+  feed_queue_reset();
+  processed.clear();
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
+  ASSERT_EQ(feed_queue_add_source(fds[0], 4000, record), 0);
+  const int total = FEED_QUEUE_MAX_BYTES / 4000 + 100;
+  std::thread sender([&] {
+    std::string msg(4000, 'm');
+    for (int i = 0; i < total; i++)
+      ASSERT_EQ(send(fds[1], msg.data(), msg.size(), 0), 4000);
+  });
+  command_system("sleep 1");
+  sender.join();
+  feed_queue_pull(0);
+  feed_queue_drain();
+  const size_t dropped = feed_queue_take_dropped();
+  EXPECT_GT(dropped, 0u);
+  EXPECT_EQ(processed.size() + dropped, static_cast<size_t>(total));
+  EXPECT_EQ(feed_queue_take_dropped(), 0u);
+  close(fds[0]);
+  close(fds[1]);
+}
+
+}  // namespace

@@ -1,0 +1,83 @@
+#include "config/config.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "frame/log.h"
+#include "tests/unit/test_support.h"
+
+namespace {
+
+struct config_case {
+  const char *name;
+  std::vector<std::pair<std::string, std::string>> overrides;
+  const char *expected_log;  // substring of the ERROR output
+};
+
+// Names the case in test output instead of dumping its bytes.
+void PrintTo(const config_case &c, std::ostream *os) { *os << c.name; }
+
+class ConfigErrors : public ::testing::TestWithParam<config_case> {};
+
+TEST_P(ConfigErrors, RefusedWithAClearLine) {
+  debug_mode_on();
+  const config_case &c = GetParam();
+  ASSERT_TRUE(write_file("/tmp/c.json", test_config_json(c.overrides)));
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(qz2fh_config_load("/tmp/c.json"), 1);
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find(c.expected_log), std::string::npos) << err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ConfigErrors,
+    ::testing::Values(
+        config_case{"port_as_number",
+                    {{"fh_ftp_port", "21"}},
+                    "ERROR:fh_ftp_port is not in config or not string"},
+        config_case{"missing_password", {{"fh_ftp_password", ""}}, "ERROR:fh_ftp_password is null!"},
+        config_case{"tab_in_value", {{"fh_netbar_name", "\"a\\tb\""}}, "fh_netbar_name holds a control"},
+        config_case{"newline_in_value", {{"fh_address", "\"a\\nb\""}}, "fh_address holds a control"},
+        config_case{"nul_in_value", {{"fh_org_mail", "\"a\\u0000b\""}}, "ERROR:load file:"},
+        config_case{"slash_in_source", {{"fh_source_str", "\"../x\""}}, "fh_source_str is part of"},
+        config_case{"blank_in_dst", {{"fh_dst_str", "\"35 00\""}}, "fh_dst_str is part of"}),
+    [](const auto &test) { return std::string(test.param.name); });
+
+TEST(Config, UnreadableOrInvalidFile) {
+  debug_mode_on();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(qz2fh_config_load("/tmp/none.json"), 1);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("ERROR:load file:/tmp/none.json failed!"),
+            std::string::npos);
+  ASSERT_TRUE(write_file("/tmp/bad.json", "{\"fh_netbar_name\": "));
+  EXPECT_EQ(qz2fh_config_load("/tmp/bad.json"), 1);
+}
+
+TEST(Config, MissingKeyLogsTwoLinesNamingIt) {
+  debug_mode_on();
+  ASSERT_TRUE(write_file("/tmp/c.json", test_config_json({{"fh_latitude", ""}})));
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(qz2fh_config_load("/tmp/c.json"), 1);
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  const size_t first = err.find("ERROR:fh_latitude is not in config or not string");
+  const size_t second = err.find("ERROR:fh_latitude is null!");
+  ASSERT_NE(first, std::string::npos);
+  ASSERT_NE(second, std::string::npos);
+  EXPECT_LT(first, second);
+}
+
+TEST(Config, ValuesKeptByteForByteUnknownKeysIgnored) {
+  load_test_config({{"fh_netbar_name", "\"  Café 网吧 \""},
+                    {"fh_ftp_password", "\"p\\\"a$(x);b\""},
+                    {"fh_source_str", "\"\""},
+                    {"extra", "42"}});
+  EXPECT_STREQ(qz2fh_get_netbar_name(), "  Café 网吧 ");
+  EXPECT_STREQ(qz2fh_get_ftp_password(), "p\"a$(x);b");
+  EXPECT_STREQ(qz2fh_get_source_str(), "");
+  EXPECT_STREQ(qz2fh_get_org_code(), "507183926");
+  EXPECT_STREQ(qz2fh_get_contactor(), "maple");
+  EXPECT_EQ(qz2fh_get_equipment_type(), 1);
+}
+
+}  // namespace

@@ -1,0 +1,150 @@
+#include "frame/eloop.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+namespace {
+
+// A clock the test moves by hand.
+int64_t fake_sec, fake_usec;
+int fake_clock(int64_t *sec, int64_t *usec) {
+  *sec = fake_sec;
+  *usec = fake_usec;
+  return 0;
+}
+
+std::vector<std::string> calls;
+
+void record(void *eloop_data, void *) { calls.emplace_back(static_cast<const char *>(eloop_data)); }
+
+class EloopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fake_sec = 1000;
+    fake_usec = 0;
+    calls.clear();
+    eloop_set_clock(fake_clock);
+    eloop_init();
+  }
+  void TearDown() override {
+    eloop_destroy();
+    eloop_set_clock(nullptr);
+  }
+};
+
+TEST_F(EloopTest, EqualExpiriesRunInRegistrationOrderOnePerPass) {
+  eloop_add_timeout(1, 0, record, const_cast<char *>("a"), nullptr);
+  eloop_add_timeout(1, 0, record, const_cast<char *>("b"), nullptr);
+  eloop_add_timeout(0, 500000, record, const_cast<char *>("early"), nullptr);
+  fake_sec += 2;
+  EXPECT_EQ(eloop_run_once(), 0);
+  EXPECT_EQ(calls, std::vector<std::string>({"early"}));
+  eloop_run_once();
+  eloop_run_once();
+  EXPECT_EQ(calls, std::vector<std::string>({"early", "a", "b"}));
+  // Nothing left: the loop ends.
+  EXPECT_EQ(eloop_run_once(), 1);
+}
+
+TEST_F(EloopTest, MicrosecondsCarryIntoSeconds) {
+  fake_usec = 600000;
+  eloop_add_timeout(0, 2500000, record, const_cast<char *>("t"), nullptr);
+  // Due at 1003.100000.
+  fake_sec = 1003;
+  fake_usec = 99999;
+  eloop_run_once();
+  EXPECT_TRUE(calls.empty());
+  fake_usec = 100000;
+  eloop_run_once();
+  EXPECT_EQ(calls.size(), 1u);
+}
+
+TEST_F(EloopTest, ZeroTimeoutRunsInNextPass) {
+  eloop_add_timeout(0, 0, record, const_cast<char *>("now"), nullptr);
+  eloop_run_once();
+  EXPECT_EQ(calls.size(), 1u);
+}
+
+TEST_F(EloopTest, RunReturnsAtOnceWithNothingRegistered) {
+  eloop_run();
+  SUCCEED();
+}
+
+TEST_F(EloopTest, DestroyFreesPendingTimeoutsWithoutCallingThem) {
+  eloop_add_timeout(0, 0, record, const_cast<char *>("x"), nullptr);
+  eloop_add_timeout(5, 0, record, const_cast<char *>("y"), nullptr);
+  eloop_destroy();  // under ASan a leak or a call would show
+  EXPECT_TRUE(calls.empty());
+  eloop_init();
+}
+
+int pair_fds[3][2];
+
+void read_added(int, void *, void *) { calls.push_back("added"); }
+
+void read_and_add(int sock, void *, void *) {
+  char c;
+  ASSERT_EQ(read(sock, &c, 1), 1);
+  calls.push_back("first");
+  // Adding to the table being dispatched stops its dispatch for this pass.
+  eloop_add_reader(pair_fds[2][0], read_added, nullptr, nullptr);
+}
+
+void read_second(int sock, void *, void *) {
+  char c;
+  ASSERT_EQ(read(sock, &c, 1), 1);
+  calls.push_back("second");
+}
+
+TEST_F(EloopTest, ChangedTableStopsDispatchUntilNextPass) {
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair_fds[0]), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair_fds[1]), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair_fds[2]), 0);
+  ASSERT_EQ(eloop_add_reader(pair_fds[0][0], read_and_add, nullptr, nullptr), 0);
+  ASSERT_EQ(eloop_add_reader(pair_fds[1][0], read_second, nullptr, nullptr), 0);
+  ASSERT_EQ(write(pair_fds[0][1], "x", 1), 1);
+  ASSERT_EQ(write(pair_fds[1][1], "y", 1), 1);
+  eloop_run_once();
+  EXPECT_EQ(calls, std::vector<std::string>({"first"}));
+  eloop_run_once();
+  EXPECT_EQ(calls, std::vector<std::string>({"first", "second"}));
+  for (auto &p : pair_fds) {
+    close(p[0]);
+    close(p[1]);
+  }
+}
+
+TEST_F(EloopTest, RefusesBadTypeAndDescriptorsOutsideSelectSets) {
+  EXPECT_EQ(eloop_add_sock(3, 3, read_second, nullptr, nullptr), -1);
+  EXPECT_EQ(eloop_add_sock(1024, 0, read_second, nullptr, nullptr), -1);
+  EXPECT_EQ(eloop_add_sock(-1, 0, read_second, nullptr, nullptr), -1);
+  EXPECT_EQ(eloop_add_sock(1023, 0, read_second, nullptr, nullptr), 0);
+}
+
+void on_alarm(int) {}
+
+TEST_F(EloopTest, SignalDuringWaitRunsDueTimeoutButDispatchesNothing) {
+  // The real clock: the wait must actually be interrupted.
+  eloop_set_clock(nullptr);
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
+  ASSERT_EQ(eloop_add_reader(fds[0], read_second, nullptr, nullptr), 0);
+  struct sigaction sa = {};
+  sa.sa_handler = on_alarm;
+  sigaction(SIGALRM, &sa, nullptr);
+  eloop_add_timeout(0, 0, record, const_cast<char *>("due"), nullptr);
+  eloop_run_once();  // runs "due"
+  eloop_add_timeout(60, 0, record, const_cast<char *>("later"), nullptr);
+  ualarm(100000, 0);
+  EXPECT_EQ(eloop_run_once(), 0);  // select fails with EINTR and the loop goes on
+  EXPECT_EQ(calls, std::vector<std::string>({"due"}));
+  close(fds[0]);
+  close(fds[1]);
+}
+
+}  // namespace

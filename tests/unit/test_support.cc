@@ -1,0 +1,135 @@
+#include "tests/unit/test_support.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "config/config.h"
+
+int fake_runner::run_system(const char *cmd) {
+  if (on_command)
+    on_command(cmd);
+  commands.emplace_back(cmd);
+  for (const std::string &p : real_)
+    if (std::string(cmd).rfind(p, 0) == 0)
+      return system(cmd);
+  for (const canned &c : answers_)
+    if (std::string(cmd).rfind(c.prefix, 0) == 0)
+      return c.status;
+  return 0;
+}
+
+int fake_runner::run_read(const char *cmd, std::string *out, size_t max) {
+  if (on_command)
+    on_command(cmd);
+  commands.emplace_back(cmd);
+  out->clear();
+  for (const canned &c : answers_) {
+    if (std::string(cmd).rfind(c.prefix, 0) == 0) {
+      if (c.status < 0)
+        return -1;
+      *out = c.output.substr(0, max);
+      return c.status;
+    }
+  }
+  return 0;
+}
+
+void fake_runner::answer(const std::string &prefix, const std::string &output, int status) {
+  answers_.insert(answers_.begin(), canned{prefix, output, status});
+}
+
+void fake_runner::pass_through(const std::string &prefix) { real_.push_back(prefix); }
+
+std::string test_config_json(const std::vector<std::pair<std::string, std::string>> &overrides) {
+  std::vector<std::pair<std::string, std::string>> kv = {
+      {"fh_netbar_property_str", "\"1\""},
+      {"fh_netbar_type_str", "\"2\""},
+      {"fh_netbar_name", "\"Cafe\""},
+      {"fh_equipment_name", "\"AP-01\""},
+      {"fh_source_str", "\"350100\""},
+      {"fh_address", "\"Main Street 1\""},
+      {"fh_dst_str", "\"350000\""},
+      {"fh_longitude", "\"119.30\""},
+      {"fh_latitude", "\"26.08\""},
+      {"fh_org_name", "\"OrgA\""},
+      {"fh_org_tel_num", "\"555\""},
+      {"fh_org_mail", "\"box1\""},
+      {"fh_org_address", "\"Road 5\""},
+      {"fh_ftp_ip", "\"127.0.0.1\""},
+      {"fh_ftp_port", "\"2121\""},
+      {"fh_ftp_username", "\"user\""},
+      {"fh_ftp_password", "\"secret\""},
+  };
+  for (const auto &o : overrides) {
+    auto it = std::find_if(kv.begin(), kv.end(), [&](const auto &p) { return p.first == o.first; });
+    if (it != kv.end() && o.second.empty())
+      kv.erase(it);
+    else if (it != kv.end())
+      it->second = o.second;
+    else
+      kv.push_back(o);
+  }
+  std::string json = "{";
+  for (size_t i = 0; i < kv.size(); i++)
+    json += (i ? ", \"" : "\"") + kv[i].first + "\": " + kv[i].second;
+  return json + "}";
+}
+
+bool write_file(const std::string &path, const std::string &text) {
+  std::ofstream f(path, std::ios::binary);
+  f << text;
+  return static_cast<bool>(f);
+}
+
+std::string read_file(const std::string &path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+void load_test_config(const std::vector<std::pair<std::string, std::string>> &overrides) {
+  ASSERT_TRUE(write_file("/tmp/test_config.json", test_config_json(overrides)));
+  ASSERT_EQ(qz2fh_config_load("/tmp/test_config.json"), 0);
+}
+
+std::vector<std::string> list_dir(const std::string &dir) {
+  std::vector<std::string> names;
+  if (DIR *d = opendir(dir.c_str())) {
+    while (dirent *e = readdir(d))
+      if (e->d_name[0] != '.')
+        names.emplace_back(e->d_name);
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+stdout_capture::stdout_capture() {
+  fflush(stdout);
+  static int counter;
+  path_ = "/tmp/stdout_capture_" + std::to_string(counter++);
+  int fd = open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+  saved_ = dup(STDOUT_FILENO);
+  dup2(fd, STDOUT_FILENO);
+  close(fd);
+}
+
+stdout_capture::~stdout_capture() {
+  fflush(stdout);
+  dup2(saved_, STDOUT_FILENO);
+  close(saved_);
+}
+
+std::string stdout_capture::text() {
+  fflush(stdout);
+  return read_file(path_);
+}
