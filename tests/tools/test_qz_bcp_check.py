@@ -22,8 +22,8 @@ SCRIPT = os.path.join(ROOT, "tools", "qz_bcp_check")
 
 def load_checker():
     loader = importlib.machinery.SourceFileLoader("qz_bcp_check", SCRIPT)
-    spec = importlib.util.spec_from_loader(loader.name, loader)
-    module = importlib.util.module_from_spec(spec)
+    loader_spec = importlib.util.spec_from_loader(loader.name, loader)
+    module = importlib.util.module_from_spec(loader_spec)
     loader.exec_module(module)
     return module
 
