@@ -1,0 +1,91 @@
+#include "fuzz/fuzz_support.h"
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "config/config.h"
+#include "frame/command.h"
+#include "frame/eloop.h"
+#include "netbar/netbar.h"
+
+namespace {
+
+class canned_runner : public command_runner {
+ public:
+  int run_system(const char *cmd) override {
+    if (std::string(cmd).rfind("rm ", 0) == 0 || std::string(cmd).rfind("mkdir ", 0) == 0)
+      return system(cmd);
+    return 0;
+  }
+  int run_read(const char *cmd, std::string *out, size_t) override {
+    const std::string c = cmd;
+    if (c.rfind("route", 0) == 0)
+      *out = "qzr0\n";
+    else if (c.rfind("ip add", 0) == 0)
+      *out = "10.77.0.2/24\n";
+    else
+      out->clear();
+    return 0;
+  }
+};
+
+canned_runner runner;
+
+void write(const char *path, const char *text) {
+  if (FILE *f = fopen(path, "w")) {
+    fputs(text, f);
+    fclose(f);
+  }
+}
+
+}  // namespace
+
+void fuzz_setup() {
+  static bool done;
+  if (done)
+    return;
+  done = true;
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("tmpfs", "/tmp", "tmpfs", 0, "size=256m") != 0) {
+    perror("private /tmp (fuzz targets need root)");
+    abort();
+  }
+  write("/tmp/fuzz_config.json",
+        "{\"fh_netbar_property_str\":\"1\",\"fh_netbar_type_str\":\"2\",\"fh_netbar_name\":\"Cafe\","
+        "\"fh_equipment_name\":\"AP-01\",\"fh_source_str\":\"350100\",\"fh_address\":\"Main 1\","
+        "\"fh_dst_str\":\"350000\",\"fh_longitude\":\"119.30\",\"fh_latitude\":\"26.08\","
+        "\"fh_org_name\":\"OrgA\",\"fh_org_tel_num\":\"555\",\"fh_org_mail\":\"box1\","
+        "\"fh_org_address\":\"Road 5\",\"fh_ftp_ip\":\"127.0.0.1\",\"fh_ftp_port\":\"21\","
+        "\"fh_ftp_username\":\"u\",\"fh_ftp_password\":\"p\"}");
+  if (qz2fh_config_load("/tmp/fuzz_config.json") != 0)
+    abort();
+  command_set_runner(&runner);
+}
+
+void fuzz_setup_netbar() {
+  static bool done;
+  if (done)
+    return;
+  done = true;
+  fuzz_setup();
+  eloop_init();
+  netbar_group_init();
+  mkdir("/tmp/qztmp", 0755);
+  mkdir("/tmp/qztmp/clt_wifi_info", 0755);
+  // Terminals the seeds name, so that inputs reach the record writers.
+  for (const char *mac : {"aa:bb:cc:dd:ee:ff", "00:11:22:aa:bb:cc", "m1"}) {
+    std::string path = std::string("/tmp/qztmp/clt_wifi_info/") + mac;
+    write(path.c_str(), "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n");
+  }
+}
+
+void fuzz_maybe_archive() {
+  static unsigned calls;
+  if (++calls % 20000 == 0)
+    netbar_report_timer(nullptr);
+}

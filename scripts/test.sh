@@ -1,0 +1,23 @@
+#!/bin/sh
+# Builds and runs every test: plainly, then under AddressSanitizer and
+# UndefinedBehaviorSanitizer, then each fuzz target for a short while.
+# Needs root (tests run the daemon in private namespaces).
+set -eu
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+
+run_suite() {
+  dir=$1
+  shift
+  cmake -S . -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 600)
+}
+
+echo "== plain build"
+run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+echo "== sanitizer build"
+run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DQZ_SANITIZE=ON
+echo "== fuzz targets"
+./scripts/fuzz.sh "${QZ_FUZZ_SECONDS:-15}"
+echo "== all tests passed"
