@@ -63,6 +63,7 @@ constexpr config_attr config_attrs[CFG_KEY_COUNT] = {
 
 const char *config_values[CFG_KEY_COUNT];
 json_t *config_doc;
+unsigned config_generation;
 
 // A control character would split or shift every record line the value is
 // written into; none has a place in these texts.
@@ -130,10 +131,13 @@ int qz2fh_config_load(const char *path) {
   json_decref(config_doc);
   config_doc = doc;
   memcpy(config_values, values, sizeof(values));
+  config_generation++;
   return 0;
 }
 
 int qz2fh_config_init() { return qz2fh_config_load(QZ_CONFIG_PATH); }
+
+unsigned qz2fh_config_generation() { return config_generation; }
 
 const char *qz2fh_get_netbar_property_str() { return config_values[CFG_NETBAR_PROPERTY_STR]; }
 const char *qz2fh_get_netbar_type_str() { return config_values[CFG_NETBAR_TYPE_STR]; }

@@ -8,6 +8,10 @@ int qz2fh_config_init();
 // Loads another file; for tests and tools. Same result as qz2fh_config_init.
 int qz2fh_config_load(const char *path);
 
+// Counts successful loads, so that texts derived from the values can be
+// kept until the next load.
+unsigned qz2fh_config_generation();
+
 // The getters return the value as written in the file; valid only after a
 // successful load.
 const char *qz2fh_get_netbar_property_str();

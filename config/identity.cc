@@ -57,29 +57,35 @@ bool qz2fh_mac_text_ok(std::string_view mac) {
 
 const char *qz2fh_get_netbar_wacode() {
   static char wacode[15];
-  snprintf(wacode, sizeof(wacode), "%s%s%s%s", qz2fh_get_source_str(), "10", "AC", "1000");
-  wacode[sizeof(wacode) - 1] = '\0';
+  // Built from the configuration, so the same until the next load; every
+  // record asks for it.
+  static unsigned built_for;
+  if (built_for != qz2fh_config_generation()) {
+    snprintf(wacode, sizeof(wacode), "%s%s%s%s", qz2fh_get_source_str(), "10", "AC", "1000");
+    wacode[sizeof(wacode) - 1] = '\0';
+    built_for = qz2fh_config_generation();
+  }
   return wacode;
 }
 
 const char *qz2fh_get_equipment_id(const char *mac) {
   static char id[22];
   log_msg(DEBUG, "longCode:%s, mac:%s", qz2fh_get_org_code(), mac);
-  // Only the first eleven digits survive the 20-character cut, so a longer
-  // MAC text is cut here without loss.
-  char digits[24];
-  size_t n = 0;
-  for (const char *p = mac; *p && n < sizeof(digits) - 1; p++) {
-    if (*p == '-' || *p == ':')
+  // The organisation code, then the MAC's characters without separators,
+  // upper case, cut to 20 characters in all.
+  constexpr size_t ID_LENGTH = 20;
+  const char *org = qz2fh_get_org_code();
+  size_t n = strnlen(org, ID_LENGTH);
+  memcpy(id, org, n);
+  for (const char *p = mac; n < ID_LENGTH; p++) {
+    const unsigned char c = static_cast<unsigned char>(*p);
+    if (c == '\0')
+      break;
+    if (c == '-' || c == ':')
       continue;
-    digits[n++] = static_cast<char>(toupper(static_cast<unsigned char>(*p)));
+    id[n++] = static_cast<char>(c >= 'a' && c <= 'z' ? c - ('a' - 'A') : c);
   }
-  digits[n] = '\0';
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-truncation"
-  // The cut to 20 characters is the id's definition.
-  snprintf(id, 21, "%s%s", qz2fh_get_org_code(), digits);
-#pragma GCC diagnostic pop
+  id[n] = '\0';
   return id;
 }
 

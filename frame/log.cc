@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <ctime>
 
-namespace {
-
 int debug_mode;
 // Stored only by the signal handlers, read by every log call.
 volatile sig_atomic_t syslog_mode;
+
+namespace {
 
 struct level_info {
   const char *word;

@@ -83,36 +83,34 @@ bool src_ports_set(const http_record &r) { return r.src_port_start != 0 || r.src
 
 void put_session_id(bcp_line &l, const void *c) { l.put(ctx_of(c).session_id); }
 void put_app(bcp_line &l, const void *c) { l.put(ctx_of(c).app); }
-void put_ip(bcp_line &l, const void *c) { l.putf("%u", ctx_of(c).ip); }
-void put_port(bcp_line &l, const void *c) { l.putf("%u", static_cast<unsigned>(ctx_of(c).port)); }
+void put_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).ip); }
+void put_port(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).port); }
 void put_src_ip(bcp_line &l, const void *c) {
   if (ctx_of(c).src_ip != 0)
-    l.putf("%u", ctx_of(c).src_ip);
+    l.put_decimal(ctx_of(c).src_ip);
 }
 void put_src_port_start(bcp_line &l, const void *c) {
   if (src_ports_set(ctx_of(c)))
-    l.putf("%u", static_cast<unsigned>(ctx_of(c).src_port_start));
+    l.put_decimal(ctx_of(c).src_port_start);
 }
 void put_src_port_end(bcp_line &l, const void *c) {
   if (src_ports_set(ctx_of(c)))
-    l.putf("%u", static_cast<unsigned>(ctx_of(c).src_port_end));
+    l.put_decimal(ctx_of(c).src_port_end);
 }
 // Without source ports the IPv6 port columns carry 0.
 void put_src_port_v6(bcp_line &l, const void *c) {
   if (!src_ports_set(ctx_of(c)))
-    l.putf("%u", 0u);
+    l.put_decimal(0u);
 }
 void put_dst_ip(bcp_line &l, const void *c) {
   if (ctx_of(c).dst_ip != 0)
-    l.putf("%u", ctx_of(c).dst_ip);
+    l.put_decimal(ctx_of(c).dst_ip);
 }
-void put_dst_port(bcp_line &l, const void *c) {
-  l.putf("%u", static_cast<unsigned>(ctx_of(c).dst_port));
-}
+void put_dst_port(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).dst_port); }
 void put_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).mac); }
 void put_equipment_id(bcp_line &l, const void *c) { l.put(ctx_of(c).equipment_id); }
 void put_ap_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).ap_mac); }
-void put_capture_time(bcp_line &l, const void *c) { l.putf("%llu", ctx_of(c).capture_time); }
+void put_capture_time(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).capture_time); }
 
 constexpr bcp_column source_0002_columns[] = {
     {{"H010013", "SESSIONID", "会话ID"}, put_session_id},

@@ -162,14 +162,14 @@ const terminal_record &ctx_of(const void *ctx) {
 
 void put_auth_type(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->auth_type); }
 void put_account(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->account); }
-void put_start_time(bcp_line &l, const void *c) { l.putf("%llu", ctx_of(c).rec->online_time); }
+void put_start_time(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).rec->online_time); }
 void put_end_time(bcp_line &l, const void *c) {
   if (!ctx_of(c).online)
-    l.putf("%llu", ctx_of(c).end_time);
+    l.put_decimal(ctx_of(c).end_time);
 }
-void put_ip(bcp_line &l, const void *c) { l.putf("%u", ctx_of(c).ip_number); }
-void put_src_ip(bcp_line &l, const void *c) { l.putf("%u", ctx_of(c).src_ip_number); }
-void put_port_80(bcp_line &l, const void *) { l.putf("%d", 80); }
+void put_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).ip_number); }
+void put_src_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).src_ip_number); }
+void put_port_80(bcp_line &l) { l.put_signed(80); }
 void put_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->mac); }
 void put_equipment_id(bcp_line &l, const void *c) { l.put(ctx_of(c).equipment_id); }
 void put_ap_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->ap_mac); }

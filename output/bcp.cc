@@ -39,6 +39,8 @@ int bcp_dispatch(uint32_t group, uint32_t index, unsigned argc, ...) {
 
 namespace {
 
+constexpr size_t BCP_STREAM_BUFFER = 32 * 1024;
+
 void qz2fh_get_bcp_filename(const bcp_dataset *ds, char *path, size_t size) {
   const unsigned sequence = ds->bcp_sequence;
   const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
@@ -56,6 +58,9 @@ int qz2fh_open_bcp_file(bcp_dataset *ds, const char *path) {
     log_msg(DEBUG, "open file %s fail", path);
     return 1;
   }
+  // A larger buffer than stdio's page: a write to flash per few hundred
+  // records instead of per few dozen, for a little memory per open file.
+  setvbuf(fp, nullptr, _IOFBF, BCP_STREAM_BUFFER);
   ds->fp = fp;
   const char *slash = strrchr(path, '/');
   snprintf(ds->file_name, sizeof(ds->file_name), "%s", slash ? slash + 1 : path);

@@ -21,6 +21,7 @@ constexpr size_t BCP_NAME_SIZE = 256;
 
 struct bcp_dataset;
 struct bcp_group;
+struct bcp_line_plan;
 
 // Builds one record from the dataset's own variadic arguments and appends
 // it. 0 when written (or nothing to write), non-zero when refused or when
@@ -37,6 +38,7 @@ struct bcp_dataset {
   bcp_business_handler handler;
   uint16_t bcp_sequence;  // sequence number of the next file, wrapping
   bcp_group *group;       // set when the group is registered
+  bcp_line_plan *plan;    // its line's fixed parts, made on first use
 };
 
 struct bcp_file_entry {

@@ -1,14 +1,11 @@
-#include <cstdarg>
 #include <cstring>
 #include <deque>
 
 #include "output/bcp_record.h"
 
+#include "config/config.h"
+
 void bcp_line::put(std::string_view text) {
-  if (text.find_first_of("\t\n\r") != std::string_view::npos) {
-    ok_ = false;
-    return;
-  }
   if (len_ + text.size() >= sizeof(buf_)) {
     ok_ = false;
     return;
@@ -18,28 +15,30 @@ void bcp_line::put(std::string_view text) {
   buf_[len_] = '\0';
 }
 
-void bcp_line::putf(const char *format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  const size_t room = sizeof(buf_) - len_;
-  int n = vsnprintf(buf_ + len_, room, format, ap);
-  va_end(ap);
-  if (n < 0 || static_cast<size_t>(n) >= room) {
+void bcp_line::put_decimal(unsigned long long value) {
+  char digits[20];
+  char *p = digits + sizeof(digits);
+  do {
+    *--p = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value);
+  const size_t n = static_cast<size_t>(digits + sizeof(digits) - p);
+  if (len_ + n >= sizeof(buf_)) {
     ok_ = false;
-    buf_[len_] = '\0';
     return;
   }
-  len_ += static_cast<size_t>(n);
+  memcpy(buf_ + len_, p, n);
+  len_ += n;
+  buf_[len_] = '\0';
 }
 
-void bcp_line::end_field(bool last) {
-  fields_++;
-  if (len_ + 1 >= sizeof(buf_)) {
-    ok_ = false;
-    return;
+void bcp_line::put_signed(long long value) {
+  if (value < 0) {
+    put("-");
+    put_decimal(0ULL - static_cast<unsigned long long>(value));
+  } else {
+    put_decimal(static_cast<unsigned long long>(value));
   }
-  buf_[len_++] = last ? '\n' : '\t';
-  buf_[len_] = '\0';
 }
 
 namespace {
@@ -76,12 +75,46 @@ void append_escaped(std::string &out, std::string_view text) {
 
 }  // namespace
 
-bool bcp_build_line(bcp_line &line, const bcp_column *cols, size_t count, const void *ctx) {
+namespace {
+
+void make_plan(bcp_line_plan &plan, const bcp_column *cols, size_t count) {
+  plan.text.clear();
+  plan.pieces.clear();
+  size_t run_start = 0;
+  auto end_run = [&plan, &run_start]() {
+    if (plan.text.size() > run_start)
+      plan.pieces.push_back({static_cast<uint32_t>(run_start),
+                             static_cast<uint32_t>(plan.text.size() - run_start), -1});
+    run_start = plan.text.size();
+  };
   for (size_t i = 0; i < count; i++) {
-    cols[i].value(line, ctx);
-    line.end_field(i + 1 == count);
+    if (cols[i].fixed) {
+      bcp_line value;
+      cols[i].fixed(value);
+      plan.text.append(value.c_str(), value.size());
+    } else {
+      end_run();
+      plan.pieces.push_back({0, 0, static_cast<int>(i)});
+    }
+    plan.text += i + 1 == count ? '\n' : '\t';
   }
-  return line.ok() && line.fields() == static_cast<int>(count);
+  end_run();
+  plan.generation = qz2fh_config_generation();
+}
+
+}  // namespace
+
+bool bcp_build_line(bcp_line &line, bcp_line_plan &plan, const bcp_column *cols, size_t count,
+                    const void *ctx) {
+  if (plan.generation != qz2fh_config_generation())
+    make_plan(plan, cols, count);
+  for (const bcp_line_plan::piece &p : plan.pieces) {
+    if (p.column < 0)
+      line.put(std::string_view(plan.text.data() + p.offset, p.length));
+    else
+      cols[p.column].value(line, ctx);
+  }
+  return line.ok();
 }
 
 void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const bcp_column *cols,
@@ -94,11 +127,12 @@ void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const bcp_colu
 
 int bcp_emit(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t count,
              const void *ctx) {
+  if (!ds->plan)
+    ds->plan = new bcp_line_plan;  // lives as long as the dataset
   bcp_line line;
-  if (!bcp_build_line(line, cols, count, ctx)) {
-    log_msg_as(func, ERROR,
-               "%s record refused: longer than %d bytes or a value holds a tab or line break\n",
-               ds->name, static_cast<int>(BCP_LINE_SIZE) - 1);
+  if (!bcp_build_line(line, *ds->plan, cols, count, ctx)) {
+    log_msg_as(func, ERROR, "%s record refused: longer than %d bytes\n", ds->name,
+               static_cast<int>(BCP_LINE_SIZE) - 1);
     return 1;
   }
   log_msg_as(func, DEBUG, "%s-%s:%s\n", ds->group->log_tag, ds->name, line.c_str());

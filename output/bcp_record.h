@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "frame/log.h"
 #include "output/bcp_dataset.h"
@@ -13,24 +14,27 @@
 constexpr size_t BCP_LINE_SIZE = 4096;
 
 // A record line under construction in a fixed 4096-byte buffer. A line that
-// would not fit, or a value holding a tab or line break (which would shift
-// the fields), marks the line bad: such a record is dropped whole rather
-// than written cut or misaligned.
+// would not fit is refused and its record dropped whole, rather than written
+// cut (a cut line would lose its line feed and run into the next record).
+// Values are not scanned here: every text that reaches a record is checked
+// where it enters the daemon (configuration at load, MACs, tokens and
+// status lines on receipt), so none holds a tab or line break.
 class bcp_line {
  public:
+  bcp_line() { buf_[0] = '\0'; }
   void put(std::string_view text);
-  void putf(const char *format, ...) __attribute__((format(printf, 2, 3)));
-  // Ends the current field: a tab, or the line feed after the last one.
-  void end_field(bool last);
+  // Numbers in decimal, as "%llu" and "%lld" would print them.
+  void put_decimal(unsigned long long value);
+  void put_signed(long long value);
   bool ok() const { return ok_; }
   const char *c_str() const { return buf_; }
   size_t size() const { return len_; }
-  int fields() const { return fields_; }
 
  private:
-  char buf_[BCP_LINE_SIZE] = {};
+  // Only the terminator is kept set: clearing all 4096 bytes per record
+  // would cost more than building the line.
+  char buf_[BCP_LINE_SIZE];
   size_t len_ = 0;
-  int fields_ = 0;
   bool ok_ = true;
 };
 
@@ -38,14 +42,34 @@ struct bcp_column_text {
   std::string_view key, eng, chn;
 };
 
-// Writes one column's value for a record context (each dataset has its own
+// Writes a value that depends only on the configuration and constants.
+using bcp_fixed_fn = void (*)(bcp_line &line);
+// Writes one record's value from its context (each dataset has its own
 // context type).
 using bcp_value_fn = void (*)(bcp_line &line, const void *ctx);
 
-// One column: its index texts and how its value is written.
+// One column: its index texts and how its value is written, either fixed
+// for the run or taken from each record.
 struct bcp_column {
+  constexpr bcp_column(bcp_column_text t, bcp_fixed_fn f) : text(t), fixed(f), value(nullptr) {}
+  constexpr bcp_column(bcp_column_text t, bcp_value_fn v) : text(t), fixed(nullptr), value(v) {}
   bcp_column_text text;
+  bcp_fixed_fn fixed;
   bcp_value_fn value;
+};
+
+// A dataset's line with its fixed columns written once: runs of fixed text
+// (separators included) between the per-record columns. Rebuilt when the
+// configuration is loaded again.
+struct bcp_line_plan {
+  struct piece {
+    uint32_t offset;  // run of fixed text: where in text, how long
+    uint32_t length;
+    int column;  // or a per-record column (run fields unused), -1 for a run
+  };
+  unsigned generation = 0;
+  std::string text;
+  std::vector<piece> pieces;
 };
 
 // The differences between datasets' index templates.
@@ -62,8 +86,10 @@ constexpr bcp_template_style BCP_STYLE_WIDE_CLOSE = {7, 7};
 const char *bcp_make_template(const bcp_column *cols, size_t count, bcp_template_style style);
 
 // Writes every column's value, each followed by a tab, the last by a line
-// feed. False when the line is bad or the field count is off.
-bool bcp_build_line(bcp_line &line, const bcp_column *cols, size_t count, const void *ctx);
+// feed, through the plan of the columns (made on first use). False when the
+// line does not fit.
+bool bcp_build_line(bcp_line &line, bcp_line_plan &plan, const bcp_column *cols, size_t count,
+                    const void *ctx);
 
 // Sets up a dataset written by its own 300-s timer: the descriptor with
 // the template of its columns, and the timer appended to the scheduler.

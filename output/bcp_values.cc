@@ -3,23 +3,21 @@
 #include "config/config.h"
 #include "config/identity.h"
 
-void bcp_put_empty(bcp_line &, const void *) {}
-void bcp_put_wacode(bcp_line &l, const void *) { l.put(qz2fh_get_netbar_wacode()); }
-void bcp_put_longitude(bcp_line &l, const void *) { l.put(qz2fh_get_longitude()); }
-void bcp_put_latitude(bcp_line &l, const void *) { l.put(qz2fh_get_latitude()); }
-void bcp_put_org_code(bcp_line &l, const void *) { l.put(qz2fh_get_org_code()); }
-void bcp_put_org_name(bcp_line &l, const void *) { l.put(qz2fh_get_org_name()); }
-void bcp_put_org_address(bcp_line &l, const void *) { l.put(qz2fh_get_org_address()); }
-void bcp_put_contactor(bcp_line &l, const void *) { l.put(qz2fh_get_contactor()); }
-void bcp_put_org_tel_num(bcp_line &l, const void *) { l.put(qz2fh_get_org_tel_num()); }
-void bcp_put_org_mail(bcp_line &l, const void *) { l.put(qz2fh_get_org_mail()); }
-void bcp_put_netbar_name(bcp_line &l, const void *) { l.put(qz2fh_get_netbar_name()); }
-void bcp_put_address(bcp_line &l, const void *) { l.put(qz2fh_get_address()); }
-void bcp_put_netbar_type_str(bcp_line &l, const void *) { l.put(qz2fh_get_netbar_type_str()); }
-void bcp_put_netbar_property_str(bcp_line &l, const void *) {
-  l.put(qz2fh_get_netbar_property_str());
-}
-void bcp_put_equipment_name(bcp_line &l, const void *) { l.put(qz2fh_get_equipment_name()); }
+void bcp_put_empty(bcp_line &) {}
+void bcp_put_wacode(bcp_line &l) { l.put(qz2fh_get_netbar_wacode()); }
+void bcp_put_longitude(bcp_line &l) { l.put(qz2fh_get_longitude()); }
+void bcp_put_latitude(bcp_line &l) { l.put(qz2fh_get_latitude()); }
+void bcp_put_org_code(bcp_line &l) { l.put(qz2fh_get_org_code()); }
+void bcp_put_org_name(bcp_line &l) { l.put(qz2fh_get_org_name()); }
+void bcp_put_org_address(bcp_line &l) { l.put(qz2fh_get_org_address()); }
+void bcp_put_contactor(bcp_line &l) { l.put(qz2fh_get_contactor()); }
+void bcp_put_org_tel_num(bcp_line &l) { l.put(qz2fh_get_org_tel_num()); }
+void bcp_put_org_mail(bcp_line &l) { l.put(qz2fh_get_org_mail()); }
+void bcp_put_netbar_name(bcp_line &l) { l.put(qz2fh_get_netbar_name()); }
+void bcp_put_address(bcp_line &l) { l.put(qz2fh_get_address()); }
+void bcp_put_netbar_type_str(bcp_line &l) { l.put(qz2fh_get_netbar_type_str()); }
+void bcp_put_netbar_property_str(bcp_line &l) { l.put(qz2fh_get_netbar_property_str()); }
+void bcp_put_equipment_name(bcp_line &l) { l.put(qz2fh_get_equipment_name()); }
 
 void bcp_put_ap_equipment_id(bcp_line &l, const void *ctx) {
   l.put(static_cast<const ap_record *>(ctx)->equipment_id);

@@ -27,11 +27,11 @@ enum {
 report_timer basic_1001_timer, basic_1002_timer, basic_1003_timer, basic_1004_timer;
 
 void put_ap_time(bcp_line &l, const void *ctx) {
-  l.putf("%llu", static_cast<const ap_record *>(ctx)->now);
+  l.put_decimal(static_cast<const ap_record *>(ctx)->now);
 }
-void put_equipment_type(bcp_line &l, const void *) { l.putf("%d", qz2fh_get_equipment_type()); }
-void put_upload_interval(bcp_line &l, const void *) { l.putf("%d", 300); }
-void put_collection_radius(bcp_line &l, const void *) { l.putf("%d", 150); }
+void put_equipment_type(bcp_line &l) { l.put_signed(qz2fh_get_equipment_type()); }
+void put_upload_interval(bcp_line &l) { l.put_signed(300); }
+void put_collection_radius(bcp_line &l) { l.put_signed(150); }
 
 // Access-point presence.
 constexpr bcp_column basic_1001_columns[] = {

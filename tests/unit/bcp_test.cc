@@ -95,33 +95,45 @@ TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
   EXPECT_EQ(blocks, files);
 }
 
-void put_empty(bcp_line &, const void *) {}
+void put_empty(bcp_line &) {}
+void put_fixed(bcp_line &l) { l.put("f"); }
 
 TEST(BcpLine, FieldsEndInTabsAndTheLastInALineFeed) {
   const bcp_column cols[] = {{{"K1", "E1", "C1"}, put_value},
                              {{"K2", "E2", "C2"}, put_empty},
-                             {{"K3", "E3", "C3"}, put_value}};
+                             {{"K3", "E3", "C3"}, put_fixed},
+                             {{"K4", "E4", "C4"}, put_value},
+                             {{"K5", "E5", "C5"}, put_empty}};
+  load_test_config();
+  bcp_line_plan plan;
   bcp_line line;
-  ASSERT_TRUE(bcp_build_line(line, cols, 3, "v"));
-  EXPECT_STREQ(line.c_str(), "v\t\tv\n");
-  EXPECT_EQ(line.fields(), 3);
+  ASSERT_TRUE(bcp_build_line(line, plan, cols, 5, "v"));
+  EXPECT_STREQ(line.c_str(), "v\t\tf\tv\t\n");
+  // The fixed runs between per-record values are kept, separators included.
+  ASSERT_EQ(plan.pieces.size(), 4u);
+  EXPECT_EQ(plan.text, "\t\tf\t\t\n");
+  bcp_line again;
+  ASSERT_TRUE(bcp_build_line(again, plan, cols, 5, "w"));
+  EXPECT_STREQ(again.c_str(), "w\t\tf\tw\t\n");
 }
 
-TEST(BcpLine, ValuesThatWouldBreakTheLineAreRefused) {
+TEST(BcpLine, LinesLongerThanTheBufferAreRefusedWhole) {
   const bcp_column cols[] = {{{"K1", "E1", "C1"}, put_value}, {{"K2", "E2", "C2"}, put_value}};
-  for (const std::string &bad : {std::string("a\tb"), std::string("a\nb"), std::string("a\rb"),
-                                 std::string(2048, 'x')}) {
+  load_test_config();
+  bcp_line_plan plan;
+  for (size_t size : {2048, 4095, 4096, 10000}) {
+    const std::string big(size, 'x');
     bcp_line line;
-    EXPECT_FALSE(bcp_build_line(line, cols, 2, bad.c_str())) << bad.size();
+    EXPECT_FALSE(bcp_build_line(line, plan, cols, 2, big.c_str())) << size;
     EXPECT_LT(line.size(), BCP_LINE_SIZE);
   }
   const std::string fits(2046, 'y');
   bcp_line line;
-  EXPECT_TRUE(bcp_build_line(line, cols, 2, fits.c_str()));
+  EXPECT_TRUE(bcp_build_line(line, plan, cols, 2, fits.c_str()));
   EXPECT_EQ(line.size(), 4094u);
   const std::string one_more(2047, 'y');
   bcp_line longer;
-  EXPECT_FALSE(bcp_build_line(longer, cols, 2, one_more.c_str()));
+  EXPECT_FALSE(bcp_build_line(longer, plan, cols, 2, one_more.c_str()));
 }
 
 }  // namespace

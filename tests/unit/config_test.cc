@@ -36,9 +36,12 @@ INSTANTIATE_TEST_SUITE_P(
         config_case{"port_as_number",
                     {{"fh_ftp_port", "21"}},
                     "ERROR:fh_ftp_port is not in config or not string"},
-        config_case{"missing_password", {{"fh_ftp_password", ""}}, "ERROR:fh_ftp_password is null!"},
-        config_case{"tab_in_value", {{"fh_netbar_name", "\"a\\tb\""}}, "fh_netbar_name holds a control"},
-        config_case{"newline_in_value", {{"fh_address", "\"a\\nb\""}}, "fh_address holds a control"},
+        config_case{
+            "missing_password", {{"fh_ftp_password", ""}}, "ERROR:fh_ftp_password is null!"},
+        config_case{
+            "tab_in_value", {{"fh_netbar_name", "\"a\\tb\""}}, "fh_netbar_name holds a control"},
+        config_case{
+            "newline_in_value", {{"fh_address", "\"a\\nb\""}}, "fh_address holds a control"},
         config_case{"nul_in_value", {{"fh_org_mail", "\"a\\u0000b\""}}, "ERROR:load file:"},
         config_case{"slash_in_source", {{"fh_source_str", "\"../x\""}}, "fh_source_str is part of"},
         config_case{"blank_in_dst", {{"fh_dst_str", "\"35 00\""}}, "fh_dst_str is part of"}),

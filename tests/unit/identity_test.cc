@@ -50,7 +50,8 @@ TEST(Identity, StatusLineParsing) {
 
   for (const std::string &bad :
        {std::string("t1 t2 -45 ap aux\n"), std::string(""), std::string("t1 t2 -4\t5 ap a b"),
-        "t1 t2 -45 " + std::string(32, 'a') + " a b", "t1 t2 -45 ap " + std::string(64, 'a') + " b"})
+        "t1 t2 -45 " + std::string(32, 'a') + " a b",
+        "t1 t2 -45 ap " + std::string(64, 'a') + " b"})
     EXPECT_FALSE(wifi_info_parse(bad.c_str(), bad.size(), &info)) << bad;
 }
 

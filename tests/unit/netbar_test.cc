@@ -32,17 +32,20 @@ void send_shell(const std::string &d) {
 TEST(ShellParse, TokensAndRefusals) {
   netbar_shell_msg msg;
   std::string d = datagram(3, "  aa:bb  192.168.1.10 1 x acct extra");
-  ASSERT_EQ(netbar_shell_parse(reinterpret_cast<const uint8_t *>(d.data()), d.size(), &msg), nullptr);
+  ASSERT_EQ(netbar_shell_parse(reinterpret_cast<const uint8_t *>(d.data()), d.size(), &msg),
+            nullptr);
   EXPECT_EQ(msg.cmd, 3u);
   ASSERT_EQ(msg.count, 5);
   EXPECT_EQ(msg.tokens[0], "aa:bb");
   EXPECT_EQ(msg.tokens[4], "acct");
 
   d = datagram(3, "aa:bb 1.2.3.4 1", false);  // no terminator within the bytes
-  EXPECT_NE(netbar_shell_parse(reinterpret_cast<const uint8_t *>(d.data()), d.size(), &msg), nullptr);
+  EXPECT_NE(netbar_shell_parse(reinterpret_cast<const uint8_t *>(d.data()), d.size(), &msg),
+            nullptr);
   EXPECT_NE(netbar_shell_parse(reinterpret_cast<const uint8_t *>("\3\0\0"), 3, &msg), nullptr);
   d = datagram(2, "");
-  ASSERT_EQ(netbar_shell_parse(reinterpret_cast<const uint8_t *>(d.data()), d.size(), &msg), nullptr);
+  ASSERT_EQ(netbar_shell_parse(reinterpret_cast<const uint8_t *>(d.data()), d.size(), &msg),
+            nullptr);
   EXPECT_EQ(msg.count, 0);
 }
 
@@ -130,7 +133,8 @@ TEST_F(NetbarFeeds, OnlineThenOfflineShareStartTimeAndSession) {
   const std::string expected =
       "1029999\taa:bb:cc:dd:ee:ff\t35010010AC1000\t2\t\t\t\t\t\t\t" + t +
       "\t\t167880896\t33574154\t\t80\t80\t\t\tAA-BB-CC-DD-EE-FF\t507183926001A2B3C4D5\t"
-      "00-1A-2B-3C-4D-5E\t119.30\t26.08\t35010010AC1000aabbccddeeff" + t + "\t-45\t\t\t\t\t\t\t\t\n";
+      "00-1A-2B-3C-4D-5E\t119.30\t26.08\t35010010AC1000aabbccddeeff" +
+      t + "\t-45\t\t\t\t\t\t\t\t\n";
   EXPECT_EQ(l[0], expected);
   EXPECT_EQ(off[10], t);
   EXPECT_FALSE(off[11].empty());
@@ -202,10 +206,12 @@ TEST_F(NetbarFeeds, HttpEventRecord) {
   auto l = lines(NETBAR_SOURCE_0002);
   ASSERT_EQ(l.size(), 1u);
   const std::string t = fields(l[0])[20];
-  EXPECT_EQ(l[0], "35010010AC1000aabbccddeeff" + t +
-                      "\t35010010AC1000\t1\t3232235786\t51000\t16777216\t\t256\t256\t\t\t167772161\t\t80"
-                      "\t80\tAA-BB-CC-DD-EE-FF\t507183926001A2B3C4D5\t00-1A-2B-3C-4D-5E\t119.30\t26.08\t" +
-                      t + "\n");
+  EXPECT_EQ(
+      l[0],
+      "35010010AC1000aabbccddeeff" + t +
+          "\t35010010AC1000\t1\t3232235786\t51000\t16777216\t\t256\t256\t\t\t167772161\t\t80"
+          "\t80\tAA-BB-CC-DD-EE-FF\t507183926001A2B3C4D5\t00-1A-2B-3C-4D-5E\t119.30\t26.08\t" +
+          t + "\n");
   // A terminal without a wireless record gets no line.
   debug_mode_on();
   std::string text;

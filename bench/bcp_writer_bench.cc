@@ -1,0 +1,111 @@
+// Records per second through bcp_dispatch into BCP files with roll-over,
+// against plain fwrite of the same prepared lines. Runs in a private /tmp
+// (needs root):  build/bench/bcp_writer_bench
+#include <benchmark/benchmark.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "config/config.h"
+#include "frame/command.h"
+#include "frame/eloop.h"
+#include "frame/log.h"
+#include "output/archive.h"
+#include "output/bcp_dataset.h"
+#include "output/wtps_scan.h"
+#include "terminal/source_group.h"
+
+namespace {
+
+// Archives without zip or upload; rm and mkdir really run.
+class local_runner : public command_runner {
+ public:
+  int run_system(const char *cmd) override {
+    const std::string c = cmd;
+    return c.rfind("rm ", 0) == 0 || c.rfind("mkdir ", 0) == 0 ? system(cmd) : 0;
+  }
+  int run_read(const char *, std::string *out, size_t) override {
+    out->clear();
+    return 0;
+  }
+};
+local_runner runner;
+
+constexpr int BATCH = 50000;  // records between clean-ups (ten files)
+
+void setup() {
+  if (unshare(CLONE_NEWNS) != 0 ||
+      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("tmpfs", "/tmp", "tmpfs", 0, "size=1g") != 0) {
+    perror("private /tmp (needs root)");
+    exit(1);
+  }
+  FILE *f = fopen("/tmp/bench.json", "w");
+  fputs(
+      "{\"fh_netbar_property_str\":\"1\",\"fh_netbar_type_str\":\"2\",\"fh_netbar_name\":\"Cafe\","
+      "\"fh_equipment_name\":\"AP-01\",\"fh_source_str\":\"350100\",\"fh_address\":\"Main Street "
+      "1\",\"fh_dst_str\":\"350000\",\"fh_longitude\":\"119.30\",\"fh_latitude\":\"26.08\","
+      "\"fh_org_name\":\"OrgA\",\"fh_org_tel_num\":\"555\",\"fh_org_mail\":\"box1\","
+      "\"fh_org_address\":\"Road 5\",\"fh_ftp_ip\":\"127.0.0.1\",\"fh_ftp_port\":\"21\","
+      "\"fh_ftp_username\":\"u\",\"fh_ftp_password\":\"p\"}",
+      f);
+  fclose(f);
+  if (qz2fh_config_load("/tmp/bench.json") != 0)
+    exit(1);
+  command_set_runner(&runner);
+  eloop_init();
+  source_group_init();
+}
+
+// One WA_BASIC_FJ_1002 record per access point, as the scan writes them.
+void BM_dispatch(benchmark::State &state) {
+  char mac[] = "00:1a:2b:3c:4d:5e";
+  int n = 0;
+  for (auto _ : state) {
+    bcp_dispatch_mac(QZ2FH_TERMINAL_TYPE, 3, mac);
+    if (++n == BATCH) {
+      state.PauseTiming();
+      source_report_timer(nullptr);  // closes the open file, deletes all
+      n = 0;
+      state.ResumeTiming();
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_dispatch);
+
+// The same line, prepared once, written with fwrite to one file.
+void BM_plain_fwrite(benchmark::State &state) {
+  const std::string line =
+      "35010010AC1000\t507183926001A2B3C4D5\tAP-01\tMain Street "
+      "1\t1\t507183926\t119.30\t26.08\t300\t150\t\t\t\t\n";
+  FILE *fp = fopen("/tmp/plain.bcp", "a+");
+  int n = 0;
+  for (auto _ : state) {
+    fwrite(line.data(), 1, line.size(), fp);
+    if (++n == BATCH) {
+      state.PauseTiming();
+      fclose(fp);
+      unlink("/tmp/plain.bcp");
+      fp = fopen("/tmp/plain.bcp", "a+");
+      n = 0;
+      state.ResumeTiming();
+    }
+  }
+  fclose(fp);
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_plain_fwrite);
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  setup();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  return 0;
+}
