@@ -66,6 +66,9 @@ void dispatch(eloop_sock_table &table, fd_set *set) {
 }
 
 int run_pass(fd_set *rfds, fd_set *wfds, fd_set *efds) {
+  // Work deferred outside any handler (a command run during start-up) is
+  // done before the first wait too.
+  run_after_handler();
   struct timeval tv;
   struct timeval *wait = nullptr;
   int64_t now_sec, now_usec;

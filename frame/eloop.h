@@ -51,8 +51,9 @@ int eloop_run_once();
 // Frees every timeout (without calling it) and the socket tables.
 void eloop_destroy();
 
-// Called after every handler the loop runs, so that work deferred while a
-// handler was busy is done before the loop waits again. Null for none.
+// Called after every handler the loop runs, and before each wait, so that
+// work deferred while a handler was busy is done before the loop waits
+// again. Null for none.
 void eloop_set_after_handler(void (*hook)());
 
 // Loop clock: monotonic, falling back to realtime once monotonic fails.
