@@ -8,8 +8,7 @@
 #include "output/archive.h"
 #include "output/spool.h"
 
-bcp_group netbar_group = {
-    QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer", {}, {}, 0, {}, {}};
+bcp_group netbar_group;
 
 void netbar_report_timer(void *) {
   group_archive_cycle(&netbar_group, true);
@@ -19,7 +18,7 @@ void netbar_report_timer(void *) {
 }
 
 void netbar_group_init() {
-  bcp_group_register(&netbar_group);
+  bcp_group_register(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer");
   report_timer_init(&netbar_group.timer, netbar_report_timer, REPORT_COUNTDOWN_SECONDS);
   report_timer_add(&netbar_group.timer);
   qz2fh_delete_dir_file(QZ2FH_NETBAR_TYPE, &netbar_group.state);

@@ -10,10 +10,14 @@
 
 bcp_group *bcp_group_table[BCP_GROUP_TABLE_SIZE];
 
-void bcp_group_register(bcp_group *group) {
+void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag,
+                        const char *cycle_name) {
+  group->id = id;
+  group->log_tag = log_tag;
+  group->cycle_name = cycle_name;
   for (bcp_dataset &ds : group->datasets)
     ds.group = group;
-  bcp_group_table[group->id] = group;
+  bcp_group_table[id] = group;
 }
 
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,

@@ -12,8 +12,7 @@
 
 namespace {
 
-bcp_group source_group = {
-    QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE", "source_report_timer", {}, {}, 0, {}, {}};
+bcp_group source_group;
 
 enum {
   SOURCE_1001,
@@ -173,7 +172,8 @@ void source_basic_1004_init() {
 void source_report_timer(void *) { group_archive_cycle(&source_group, true); }
 
 void source_group_init() {
-  bcp_group_register(&source_group);
+  bcp_group_register(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE",
+                     "source_report_timer");
   report_timer_init(&source_group.timer, source_report_timer, REPORT_COUNTDOWN_SECONDS);
   report_timer_add(&source_group.timer);
   qz2fh_delete_dir_file(QZ2FH_TERMINAL_TYPE, &source_group.state);

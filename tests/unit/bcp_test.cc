@@ -14,7 +14,7 @@
 namespace {
 
 constexpr uint32_t TEST_GROUP = 150;
-bcp_group test_group = {TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer", {}, {}, 0, {}, {}};
+bcp_group test_group;
 
 int tiny_handler(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *datasets) {
   return bcp_write_line(&datasets[1], "x\n", 2);
@@ -29,7 +29,7 @@ class BcpWriter : public ::testing::Test {
     run.pass_through("rm");
     load_test_config();
     bcp_dataset_init(&test_group.datasets[1], "WA_TEST_1", "%s%d%s%s%s%d\n", tiny_handler);
-    bcp_group_register(&test_group);
+    bcp_group_register(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer");
     ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
   }
   fake_runner run;
