@@ -112,17 +112,19 @@ const char *config_get_string(json_t *doc, const config_attr &attr) {
 }  // namespace
 
 int qz2fh_config_load(const char *path) {
+  // The body of qz2fh_config_init, and reported under that name.
+  static const char func[] = "qz2fh_config_init";
   json_error_t error;
   json_t *doc = json_load_file(path, 0, &error);
   if (!doc) {
-    log_msg(ERROR, "load file:%s failed!", path);
+    log_msg_as(func, ERROR, "load file:%s failed!", path);
     return 1;
   }
   const char *values[CFG_KEY_COUNT];
   for (int i = 0; i < CFG_KEY_COUNT; i++) {
     values[i] = config_get_string(doc, config_attrs[i]);
     if (!values[i]) {
-      log_msg(ERROR, "%s is null!", config_attrs[i].name);
+      log_msg_as(func, ERROR, "%s is null!", config_attrs[i].name);
       json_decref(doc);
       return 1;
     }
