@@ -17,6 +17,8 @@ struct feed_source {
 constexpr size_t HEADER_SIZE = 4;
 // Largest message any source may take; bounds the copy made while handling.
 constexpr size_t MAX_MESSAGE = 4096;
+// Messages handled from the queue between two looks at the sockets.
+constexpr unsigned PULL_EVERY = 4;
 // Capacity kept after a drain; a burst's larger buffer is given back.
 constexpr size_t KEEP_CAPACITY = 64 * 1024;
 
@@ -68,8 +70,14 @@ void feed_queue_drain() {
   draining = true;
   uint8_t msg[MAX_MESSAGE];
   // Handling a message may run a command that queues more: read the queue
-  // afresh each time and copy the message out before handling it.
+  // afresh each time and copy the message out before handling it. While a
+  // long backlog is handled, what the kernel holds meanwhile is moved in
+  // behind it, so that its small queues never fill.
+  unsigned handled = 0;
   while (head < queue.size()) {
+    if (++handled % PULL_EVERY == 0)
+      for (int i = 0; i < source_count; i++)
+        feed_queue_pull(i);
     const int index = queue[head];
     const size_t len = queue[head + 2] | (static_cast<size_t>(queue[head + 3]) << 8);
     memcpy(msg, queue.data() + head + HEADER_SIZE, len);

@@ -1,0 +1,53 @@
+#!/usr/bin/python3
+"""The long soak, with figures: events sent, received, lost, RSS per cycle.
+
+    /usr/bin/python3 bench/soak_bench.py --build build-bench [--cycles 12] [--accel 20]
+
+Needs root. For the comparison with commands that block the feeds, build
+with -DQZ_COMMANDS_BLOCKING=ON into another directory and pass --build.
+"""
+import argparse
+import os
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+REPO = os.path.dirname(HERE)
+sys.path.insert(0, os.path.join(REPO, "tools"))
+import qz_sandbox  # noqa: E402
+import qz_soak  # noqa: E402
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", default=os.path.join(REPO, "build-bench"))
+    parser.add_argument("--cycles", type=int, default=12)
+    parser.add_argument("--rate", type=int, default=1000, help="datagrams per real second")
+    parser.add_argument("--http-rate", type=int, default=200, help="HTTP events per real second")
+    parser.add_argument("--accel", type=int, default=20, help="clock speed-up")
+    args = parser.parse_args()
+    build = os.path.abspath(args.build)
+    binary = os.path.join(build, "qz_fh_audit")
+    os.environ.setdefault("QZ_BIN", binary)
+    qz_sandbox.enter_namespaces()
+    r = qz_soak.run(binary, os.path.join(build, "tools", "libqz_nlstub.so"), cycles=args.cycles,
+                    rate=args.rate, http_rate=args.http_rate, slow_cycles=(3, 4, 8),
+                    down_cycle=6, slow_seconds=5.0, accel=args.accel,
+                    log=lambda line: print("  " + line, flush=True))
+    print("soak: %d archive cycles at x%d, %d datagrams/s and %d HTTP events/s (real time);"
+          " uploads slow (5 s) in cycles 3, 4 and 8, server down in cycle 6"
+          % (r["cycles"], args.accel, args.rate, args.http_rate))
+    for feed, what in (("shell", "online/offline"), ("http", "HTTP")):
+        refused = r[feed + "_refused"] if feed == "shell" else r[feed + "_dropped"]
+        print("  %-14s sent %6d  refused at send %5d  received %6d  lost with the failed upload"
+              " %5d (one run: %s)  duplicates %d  unexpected %d"
+              % (what, r[feed + "_sent"], refused, r[feed + "_received"],
+                 r[feed + "_lost_with_failed_upload"], r[feed + "_lost_in_one_run"],
+                 r[feed + "_duplicates"], r[feed + "_unexpected"]))
+    print("  RSS per cycle (KiB): %s" % " ".join(str(k) for k in r["rss_kib"]))
+    print("  ERROR lines: %d" % len(r["errors"]))
+    for e in r["errors"][:10]:
+        print("    " + e)
+
+
+if __name__ == "__main__":
+    main()
