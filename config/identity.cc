@@ -15,6 +15,7 @@
 #include "frame/command.h"
 #include "frame/log.h"
 #include "frame/paths.h"
+#include "frame/text.h"
 #include "frame/unique_fd.h"
 
 namespace {
@@ -22,25 +23,6 @@ namespace {
 constexpr size_t STATUS_READ_MAX = 1023;
 constexpr size_t COMMAND_READ_MAX = 1023;
 constexpr size_t IFNAME_MAX = 15;
-
-// Copies a token into a field; false when it does not fit (refused, never
-// cut: a cut MAC or signal value would be a wrong value in a record).
-bool copy_token(std::string_view token, char *field, size_t size) {
-  if (token.size() >= size)
-    return false;
-  memcpy(field, token.data(), token.size());
-  field[token.size()] = '\0';
-  return true;
-}
-
-bool printable(std::string_view s) {
-  for (char ch : s) {
-    unsigned char c = static_cast<unsigned char>(ch);
-    if (c < 0x20 || c == 0x7f)
-      return false;
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -151,27 +133,18 @@ const char *qz2fh_get_route_ip() {
 }
 
 bool wifi_info_parse(const char *text, size_t len, wifi_info *info) {
-  std::string_view rest(text, strnlen(text, len));
   std::string_view tokens[6];
-  int count = 0;
-  while (count < 6) {
-    const size_t start = rest.find_first_not_of(' ');
-    if (start == std::string_view::npos)
-      break;
-    rest.remove_prefix(start);
-    const size_t end = rest.find(' ');
-    tokens[count++] = rest.substr(0, end);
-    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
-  }
-  if (count < 6)
+  if (text_split(std::string_view(text, strnlen(text, len)), tokens, 6) < 6)
     return false;
-  // Tokens 3 and 4 are written into records; the others are only kept.
-  if (!printable(tokens[2]) || !printable(tokens[3]))
+  // Tokens 3 and 4 are written into records; the others are only kept. A
+  // token too long for its field is refused, not cut: a cut MAC or signal
+  // value would be a wrong value in a record.
+  if (!text_printable(tokens[2]) || !text_printable(tokens[3]))
     return false;
-  return copy_token(tokens[2], info->field_strength, sizeof(info->field_strength)) &&
-         copy_token(tokens[3], info->ap_mac, sizeof(info->ap_mac)) &&
-         copy_token(tokens[4], info->aux1, sizeof(info->aux1)) &&
-         copy_token(tokens[5], info->aux2, sizeof(info->aux2));
+  return text_copy(tokens[2], info->field_strength, sizeof(info->field_strength)) &&
+         text_copy(tokens[3], info->ap_mac, sizeof(info->ap_mac)) &&
+         text_copy(tokens[4], info->aux1, sizeof(info->aux1)) &&
+         text_copy(tokens[5], info->aux2, sizeof(info->aux2));
 }
 
 const wifi_info *qz2fh_get_wifi_info(const char *mac) {

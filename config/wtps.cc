@@ -6,6 +6,7 @@
 #include "config/identity.h"
 #include "frame/command.h"
 #include "frame/log.h"
+#include "frame/text.h"
 
 wtps_result wtps_parse(std::string_view listing, const char *caller, wtps_mac_fn fn, void *arg) {
   size_t pos = 0;
@@ -18,21 +19,15 @@ wtps_result wtps_parse(std::string_view listing, const char *caller, wtps_mac_fn
     if (!line.empty() && line.back() == '\r')
       line.remove_suffix(1);
 
-    // Blank-separated, runs of blanks count as one; the first token is skipped.
-    size_t start = line.find_first_not_of(' ');
-    size_t end = start == std::string_view::npos ? start : line.find(' ', start);
-    start = end == std::string_view::npos ? end : line.find_first_not_of(' ', end);
-    if (start == std::string_view::npos)
+    // The first token is skipped; the second is the MAC.
+    std::string_view tokens[2];
+    if (text_split(line, tokens, 2) < 2)
       return WTPS_CUT;
-    end = line.find(' ', start);
-    std::string_view token = line.substr(start, end == std::string_view::npos ? end : end - start);
-    if (!qz2fh_mac_text_ok(token)) {
+    char mac[QZ_MAC_TEXT_MAX + 1];
+    if (!qz2fh_mac_text_ok(tokens[1]) || !text_copy(tokens[1], mac, sizeof(mac))) {
       log_msg_as(caller, DEBUG, "bad mac in wtps listing, line skipped\n");
       continue;
     }
-    char mac[QZ_MAC_TEXT_MAX + 1];
-    memcpy(mac, token.data(), token.size());
-    mac[token.size()] = '\0';
     if (!fn(mac, arg))
       return WTPS_CUT;
   }

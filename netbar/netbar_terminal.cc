@@ -20,6 +20,7 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/str_table.h"
+#include "frame/text.h"
 #include "netbar/netbar.h"
 #include "output/bcp_values.h"
 
@@ -57,23 +58,6 @@ const auth_type_entry *auth_lookup(std::string_view token) {
   return nullptr;
 }
 
-// Tokens that do not fit their fields are refused, not cut: a cut MAC or
-// account would be a wrong value in a record.
-bool copy_field(std::string_view token, char *field, size_t size) {
-  if (token.size() >= size)
-    return false;
-  memcpy(field, token.data(), token.size());
-  field[token.size()] = '\0';
-  return true;
-}
-
-bool printable(std::string_view s) {
-  for (char ch : s)
-    if (static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f)
-      return false;
-  return true;
-}
-
 int bcp_dispatch_terminal(unsigned online, netbar_terminal *rec) {
   return bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_SOURCE_0001, 2, online, rec);
 }
@@ -81,7 +65,7 @@ int bcp_dispatch_terminal(unsigned online, netbar_terminal *rec) {
 void netbar_terminal_offline(const netbar_shell_msg &msg) {
   char mac[QZ_MAC_TEXT_MAX + 1];
   if (msg.count < 1 || !qz2fh_mac_text_ok(msg.tokens[0]) ||
-      !copy_field(msg.tokens[0], mac, sizeof(mac))) {
+      !text_copy(msg.tokens[0], mac, sizeof(mac))) {
     log_msg(DEBUG, "offline msg refused: no usable mac\n");
     return;
   }
@@ -102,6 +86,8 @@ const char *online_refusal(const netbar_shell_msg &msg) {
   return nullptr;
 }
 
+// Tokens that do not fit their fields are refused, not cut: a cut MAC or
+// account would be a wrong value in a record.
 void netbar_terminal_online(const netbar_shell_msg &msg) {
   auto *rec = static_cast<netbar_terminal *>(calloc(1, sizeof(netbar_terminal)));
   if (!rec)
@@ -112,9 +98,9 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
     free(rec);
     return;
   }
-  copy_field(msg.tokens[0], rec->key, sizeof(rec->key));
-  copy_field(msg.tokens[0], rec->mac, sizeof(rec->mac));
-  copy_field(msg.tokens[1], rec->ip, sizeof(rec->ip));
+  text_copy(msg.tokens[0], rec->key, sizeof(rec->key));
+  text_copy(msg.tokens[0], rec->mac, sizeof(rec->mac));
+  text_copy(msg.tokens[1], rec->ip, sizeof(rec->ip));
 
   const wifi_info *wifi = qz2fh_get_wifi_info(rec->key);
   if (!wifi) {
@@ -132,14 +118,14 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
   }
   memcpy(rec->auth_type, auth->code, sizeof(rec->auth_type) - 1);
   if (auth->id == AUTH_TYPE_WITH_ACCOUNT) {
-    if (msg.count < 5 || !printable(msg.tokens[4]) ||
-        !copy_field(msg.tokens[4], rec->account, sizeof(rec->account))) {
+    if (msg.count < 5 || !text_printable(msg.tokens[4]) ||
+        !text_copy(msg.tokens[4], rec->account, sizeof(rec->account))) {
       log_msg(DEBUG, "online msg refused: no usable account for type 4\n");
       free(rec);
       return;
     }
   } else {
-    copy_field(msg.tokens[0], rec->account, sizeof(rec->account));
+    text_copy(msg.tokens[0], rec->account, sizeof(rec->account));
   }
   str_table_put(netbar_terminal_table, rec->key, rec);
   bcp_dispatch_terminal(1, rec);
@@ -288,16 +274,9 @@ const char *netbar_shell_parse(const uint8_t *data, size_t len, netbar_shell_msg
   if (!nul)
     return "text without a terminator";
   msg->text = text;
-  std::string_view rest(text, static_cast<const char *>(nul) - text);
-  while (msg->count < static_cast<int>(std::size(msg->tokens))) {
-    const size_t start = rest.find_first_not_of(' ');
-    if (start == std::string_view::npos)
-      break;
-    rest.remove_prefix(start);
-    const size_t end = rest.find(' ');
-    msg->tokens[msg->count++] = rest.substr(0, end);
-    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
-  }
+  msg->count =
+      static_cast<int>(text_split(std::string_view(text, static_cast<const char *>(nul) - text),
+                                  msg->tokens, std::size(msg->tokens)));
   return nullptr;
 }
 
