@@ -13,36 +13,21 @@ namespace {
 report_timer basic_0001_timer, basic_0002_timer, basic_0003_1_timer, basic_0003_2_timer;
 
 // The place: the terminal group's place record with three more empty
-// columns before the vendor code.
-constexpr bcp_column basic_0001_columns[] = {
-    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
-    {{"F040002", "PLACE_NAME", "上网服务场所名称"}, bcp_put_netbar_name},
-    {{"G020017", "SITE_ADDRESS", "场所详细地址"}, bcp_put_address},
-    {{"F010016", "LONGITUDE", "场所经度"}, bcp_put_longitude},
-    {{"F010017", "LATITUDE", "场所纬度"}, bcp_put_latitude},
-    {{"F040011", "NETSITE_TYPE", "场所服务类型"}, bcp_put_netbar_type_str},
-    {{"E010007", "BUSINESS_NATURE", "场所经营性质"}, bcp_put_netbar_property_str},
-    {{"E020001", "LAW_PRINCIPAL_NAME", "场所经营法人"}, bcp_put_empty},
-    {{"E020003", "LAW_PRINCIPAL_CERTIFICATE_TYPE", "经营法人有效证件类型"}, bcp_put_empty},
-    {{"E020004", "LAW_PRINCIPAL_CERTIFICATE_ID", "经营法人有效证件号码"}, bcp_put_empty},
-    {{"B070003", "RELATIONSHIP_ACCOUNT", "联系方式"}, bcp_put_empty},
-    {{"I070009", "START_TIME", "营业开始时间"}, bcp_put_empty},
-    {{"I070010", "END_TIME", "营业结束时间"}, bcp_put_empty},
+// columns before the vendor code, which has other texts here.
+constexpr bcp_column basic_0001_tail[] = {
     {{"G020010", "ACCESS_TYPE", "场所网络接入方式"}, bcp_put_empty},
     {{"B020001", "OPERATOR_NET", "场所网络接入服务商"}, bcp_put_empty},
     {{"I070016", "AUTH_ACCOUNT", "网络接入账号或固定IP地址 ACSSES_IP"}, bcp_put_empty},
     {{"G020013", "CODE_ALLOCATION_ORGANIZATION", "安全厂商组织机构代码"}, bcp_put_org_code},
 };
+constexpr auto basic_0001_columns = bcp_join(BCP_PLACE_COLUMNS, basic_0001_tail);
 
-// The vendor.
-constexpr bcp_column basic_0002_columns[] = {
-    {{"G020014", "SECURITY_SOFTWARE_ORGNAME", "厂商名称"}, bcp_put_org_name},
-    {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
+// The vendor, with other texts for its address than the terminal group's.
+constexpr bcp_column basic_0002_address[] = {
     {{"G020037", "ADDRESS", "厂商地址 SECURITY_SOFTWARE_"}, bcp_put_org_address},
-    {{"E020017", "CONTACTOR", "联系人"}, bcp_put_contactor},
-    {{"E020020", "CONTACTOR_TEL", "联系人电话"}, bcp_put_org_tel_num},
-    {{"E020023", "CONTACTOR_MAIL", "联系人邮件"}, bcp_put_org_mail},
 };
+constexpr auto basic_0002_columns =
+    bcp_join(BCP_VENDOR_NAME_CODE, basic_0002_address, BCP_VENDOR_CONTACT);
 
 // An access point of a fixed place.
 constexpr bcp_column basic_0003_1_columns[] = {
@@ -69,23 +54,21 @@ constexpr bcp_column basic_0003_2_columns[] = {
 bcp_dataset *dataset(int index) { return &netbar_group.datasets[index]; }
 
 int netbar_basic_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(NETBAR_BASIC_0001), basic_0001_columns,
-                  std::size(basic_0001_columns), nullptr);
+  return bcp_emit(__func__, dataset(NETBAR_BASIC_0001), basic_0001_columns, nullptr);
 }
 
 int netbar_basic_0002_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(NETBAR_BASIC_0002), basic_0002_columns,
-                  std::size(basic_0002_columns), nullptr);
+  return bcp_emit(__func__, dataset(NETBAR_BASIC_0002), basic_0002_columns, nullptr);
 }
 
 int netbar_basic_0003_1_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
   return bcp_emit_ap_record(__func__, dataset(NETBAR_BASIC_0003_1), basic_0003_1_columns,
-                            std::size(basic_0003_1_columns), va_arg(*ap, char *), true);
+                            va_arg(*ap, char *), true);
 }
 
 int netbar_basic_0003_2_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
   return bcp_emit_ap_record(__func__, dataset(NETBAR_BASIC_0003_2), basic_0003_2_columns,
-                            std::size(basic_0003_2_columns), va_arg(*ap, char *), true);
+                            va_arg(*ap, char *), true);
 }
 
 void netbar_basic_0001_report_timer(void *) {
@@ -110,28 +93,24 @@ void netbar_basic_0003_2_report_timer(void *) {
 
 void netbar_basic_0001_init() {
   bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0001), "WA_BASIC_FJ_0001", basic_0001_columns,
-                            std::size(basic_0001_columns), BCP_STYLE_PLAIN,
-                            netbar_basic_0001_business_handle, &basic_0001_timer,
+                            BCP_STYLE_PLAIN, netbar_basic_0001_business_handle, &basic_0001_timer,
                             netbar_basic_0001_report_timer);
 }
 
 void netbar_basic_0002_init() {
   bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0002), "WA_BASIC_FJ_0002", basic_0002_columns,
-                            std::size(basic_0002_columns), BCP_STYLE_PLAIN,
-                            netbar_basic_0002_business_handle, &basic_0002_timer,
+                            BCP_STYLE_PLAIN, netbar_basic_0002_business_handle, &basic_0002_timer,
                             netbar_basic_0002_report_timer);
 }
 
 void netbar_basic_0003_1_init() {
-  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_1), "WA_BASIC_FJ_0003_1",
-                            basic_0003_1_columns, std::size(basic_0003_1_columns), BCP_STYLE_PLAIN,
-                            netbar_basic_0003_1_business_handle, &basic_0003_1_timer,
-                            netbar_basic_0003_1_report_timer);
+  bcp_periodic_dataset_init(
+      dataset(NETBAR_BASIC_0003_1), "WA_BASIC_FJ_0003_1", basic_0003_1_columns, BCP_STYLE_PLAIN,
+      netbar_basic_0003_1_business_handle, &basic_0003_1_timer, netbar_basic_0003_1_report_timer);
 }
 
 void netbar_basic_0003_2_init() {
-  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_2), "WA_BASIC_FJ_0003_2",
-                            basic_0003_2_columns, std::size(basic_0003_2_columns), BCP_STYLE_PLAIN,
-                            netbar_basic_0003_2_business_handle, &basic_0003_2_timer,
-                            netbar_basic_0003_2_report_timer);
+  bcp_periodic_dataset_init(
+      dataset(NETBAR_BASIC_0003_2), "WA_BASIC_FJ_0003_2", basic_0003_2_columns, BCP_STYLE_PLAIN,
+      netbar_basic_0003_2_business_handle, &basic_0003_2_timer, netbar_basic_0003_2_report_timer);
 }

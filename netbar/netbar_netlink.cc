@@ -175,8 +175,7 @@ int netbar_0002_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
   r.mac = mac;
   r.ap_mac = ap_mac;
   r.equipment_id = equipment_id;
-  return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0002], source_0002_columns,
-                  std::size(source_0002_columns), &r);
+  return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0002], source_0002_columns, &r);
 }
 
 void netbar_netlink_recv_callback(int sock, void *, void *) {
@@ -301,10 +300,9 @@ void netbar_netlink_process(const uint8_t *data, size_t len) {
 }
 
 void init_netbar_0002() {
-  bcp_dataset_init(
-      &netbar_group.datasets[NETBAR_SOURCE_0002], "WA_SOURCE_FJ_0002",
-      bcp_make_template(source_0002_columns, std::size(source_0002_columns), BCP_STYLE_WIDE_CLOSE),
-      netbar_0002_business_handle);
+  bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0002], "WA_SOURCE_FJ_0002",
+                   bcp_make_template(source_0002_columns, BCP_STYLE_WIDE_CLOSE),
+                   netbar_0002_business_handle);
   netlink_fd = open_netlink_socket();
   if (netlink_fd < 0) {
     log_msg(ERROR, "netbar 0002 init socket fail\n");

@@ -222,8 +222,8 @@ int netbar_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
   t.ip_number = netbar_ipv4_number(rec->ip);
   const char *route_ip = qz2fh_get_route_ip();
   t.src_ip_number = route_ip ? netbar_ipv4_number(route_ip) : 0;
-  return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0001], source_0001_columns,
-                  std::size(source_0001_columns), &t) == 0
+  return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0001], source_0001_columns, &t) ==
+                 0
              ? 0
              : -1;
 }
@@ -325,8 +325,7 @@ void netbar_init_sock() {
     log_msg(DEBUG, "init shell fd success!\n");
     feed_queue_add_source(fd, NETBAR_SHELL_MSG_MAX, netbar_shell_process);
   }
-  bcp_dataset_init(
-      &netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
-      bcp_make_template(source_0001_columns, std::size(source_0001_columns), SOURCE_0001_STYLE),
-      netbar_0001_business_handle);
+  bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
+                   bcp_make_template(source_0001_columns, SOURCE_0001_STYLE),
+                   netbar_0001_business_handle);
 }

@@ -73,8 +73,7 @@ extern bcp_group *bcp_group_table[BCP_GROUP_TABLE_SIZE];
 // Names the group and stores it at its id, linking its datasets to it.
 // Groups live in zeroed static storage (their lists are large) and get
 // their identity here.
-void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag,
-                        const char *cycle_name);
+void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name);
 // Fills a dataset descriptor: no open file, its code, template and handler.
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
                       bcp_business_handler handler);

@@ -2,10 +2,13 @@
 // record line and its index template.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "frame/log.h"
@@ -51,12 +54,27 @@ using bcp_value_fn = void (*)(bcp_line &line, const void *ctx);
 // One column: its index texts and how its value is written, either fixed
 // for the run or taken from each record.
 struct bcp_column {
+  constexpr bcp_column() : text{}, fixed(nullptr), value(nullptr) {}
   constexpr bcp_column(bcp_column_text t, bcp_fixed_fn f) : text(t), fixed(f), value(nullptr) {}
   constexpr bcp_column(bcp_column_text t, bcp_value_fn v) : text(t), fixed(nullptr), value(v) {}
   bcp_column_text text;
   bcp_fixed_fn fixed;
   bcp_value_fn value;
 };
+
+// Joins column lists (arrays) into one table at compile time, for datasets
+// that share runs of columns.
+template <typename... Lists>
+constexpr auto bcp_join(const Lists &...lists) {
+  std::array<bcp_column, (std::extent_v<Lists> + ...)> table{};
+  size_t k = 0;
+  auto append = [&table, &k](const auto &list) {
+    for (const bcp_column &c : list)
+      table[k++] = c;
+  };
+  (append(lists), ...);
+  return table;
+}
 
 // A dataset's line with its fixed columns written once: runs of fixed text
 // (separators included) between the per-record columns. Rebuilt when the
@@ -102,3 +120,20 @@ void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const bcp_colu
 // 1 when the line is refused or no file could be opened.
 int bcp_emit(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t count,
              const void *ctx);
+
+// The same taking a column table (array) whole.
+template <typename Table>
+const char *bcp_make_template(const Table &cols, bcp_template_style style) {
+  return bcp_make_template(std::data(cols), std::size(cols), style);
+}
+template <typename Table>
+int bcp_emit(const char *func, bcp_dataset *ds, const Table &cols, const void *ctx) {
+  return bcp_emit(func, ds, std::data(cols), std::size(cols), ctx);
+}
+template <typename Table>
+void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const Table &cols,
+                               bcp_template_style style, bcp_business_handler handler,
+                               report_timer *timer, void (*timer_handler)(void *)) {
+  bcp_periodic_dataset_init(ds, name, std::data(cols), std::size(cols), style, handler, timer,
+                            timer_handler);
+}

@@ -33,3 +33,32 @@ void bcp_put_ap_mac(bcp_line &line, const void *ctx);
 // case (aa:bb:cc:dd:ee:0f becomes AA-BB-CC-DD-EE-0F). Doing it twice
 // changes nothing.
 void bcp_mac_to_record_form(char *mac);
+
+// Runs of columns that the two groups' place and vendor records share.
+// The place: the first thirteen columns of both place records.
+inline constexpr bcp_column BCP_PLACE_COLUMNS[] = {
+    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
+    {{"F040002", "PLACE_NAME", "上网服务场所名称"}, bcp_put_netbar_name},
+    {{"G020017", "SITE_ADDRESS", "场所详细地址"}, bcp_put_address},
+    {{"F010016", "LONGITUDE", "场所经度"}, bcp_put_longitude},
+    {{"F010017", "LATITUDE", "场所纬度"}, bcp_put_latitude},
+    {{"F040011", "NETSITE_TYPE", "场所服务类型"}, bcp_put_netbar_type_str},
+    {{"E010007", "BUSINESS_NATURE", "场所经营性质"}, bcp_put_netbar_property_str},
+    {{"E020001", "LAW_PRINCIPAL_NAME", "场所经营法人"}, bcp_put_empty},
+    {{"E020003", "LAW_PRINCIPAL_CERTIFICATE_TYPE", "经营法人有效证件类型"}, bcp_put_empty},
+    {{"E020004", "LAW_PRINCIPAL_CERTIFICATE_ID", "经营法人有效证件号码"}, bcp_put_empty},
+    {{"B070003", "RELATIONSHIP_ACCOUNT", "联系方式"}, bcp_put_empty},
+    {{"I070009", "START_TIME", "营业开始时间"}, bcp_put_empty},
+    {{"I070010", "END_TIME", "营业结束时间"}, bcp_put_empty},
+};
+// The vendor: its name and code, then (after its address, whose texts
+// differ between the groups) its contact.
+inline constexpr bcp_column BCP_VENDOR_NAME_CODE[] = {
+    {{"G020014", "SECURITY_SOFTWARE_ORGNAME", "厂商名称"}, bcp_put_org_name},
+    {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
+};
+inline constexpr bcp_column BCP_VENDOR_CONTACT[] = {
+    {{"E020017", "CONTACTOR", "联系人"}, bcp_put_contactor},
+    {{"E020020", "CONTACTOR_TEL", "联系人电话"}, bcp_put_org_tel_num},
+    {{"E020023", "CONTACTOR_MAIL", "联系人邮件"}, bcp_put_org_mail},
+};

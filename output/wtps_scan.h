@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 #include "frame/report_timer.h"
 
@@ -22,3 +23,8 @@ struct bcp_dataset;
 // rewritten to record form. 1 for a null MAC.
 int bcp_emit_ap_record(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t count,
                        char *mac, bool record_form);
+template <typename Table>
+int bcp_emit_ap_record(const char *func, bcp_dataset *ds, const Table &cols, char *mac,
+                       bool record_form) {
+  return bcp_emit_ap_record(func, ds, std::data(cols), std::size(cols), mac, record_form);
+}

@@ -60,32 +60,17 @@ constexpr bcp_column basic_1002_columns[] = {
 };
 
 // The place.
-constexpr bcp_column basic_1003_columns[] = {
-    {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
-    {{"F040002", "PLACE_NAME", "上网服务场所名称"}, bcp_put_netbar_name},
-    {{"G020017", "SITE_ADDRESS", "场所详细地址"}, bcp_put_address},
-    {{"F010016", "LONGITUDE", "场所经度"}, bcp_put_longitude},
-    {{"F010017", "LATITUDE", "场所纬度"}, bcp_put_latitude},
-    {{"F040011", "NETSITE_TYPE", "场所服务类型"}, bcp_put_netbar_type_str},
-    {{"E010007", "BUSINESS_NATURE", "场所经营性质"}, bcp_put_netbar_property_str},
-    {{"E020001", "LAW_PRINCIPAL_NAME", "场所经营法人"}, bcp_put_empty},
-    {{"E020003", "LAW_PRINCIPAL_CERTIFICATE_TYPE", "经营法人有效证件类型"}, bcp_put_empty},
-    {{"E020004", "LAW_PRINCIPAL_CERTIFICATE_ID", "经营法人有效证件号码"}, bcp_put_empty},
-    {{"B070003", "RELATIONSHIP_ACCOUNT", "联系方式"}, bcp_put_empty},
-    {{"I070009", "START_TIME", "营业开始时间"}, bcp_put_empty},
-    {{"I070010", "END_TIME", "营业结束时间"}, bcp_put_empty},
+constexpr bcp_column basic_1003_vendor_code[] = {
     {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
 };
+constexpr auto basic_1003_columns = bcp_join(BCP_PLACE_COLUMNS, basic_1003_vendor_code);
 
 // The vendor.
-constexpr bcp_column basic_1004_columns[] = {
-    {{"G020014", "SECURITY_SOFTWARE_ORGNAME", "厂商名称"}, bcp_put_org_name},
-    {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
+constexpr bcp_column basic_1004_address[] = {
     {{"G020037", "SECURITY_SOFTWARE_ADDRESS", "厂商地址"}, bcp_put_org_address},
-    {{"E020017", "CONTACTOR", "联系人"}, bcp_put_contactor},
-    {{"E020020", "CONTACTOR_TEL", "联系人电话"}, bcp_put_org_tel_num},
-    {{"E020023", "CONTACTOR_MAIL", "联系人邮件"}, bcp_put_org_mail},
 };
+constexpr auto basic_1004_columns =
+    bcp_join(BCP_VENDOR_NAME_CODE, basic_1004_address, BCP_VENDOR_CONTACT);
 
 bcp_dataset *dataset(int index) { return &source_group.datasets[index]; }
 
@@ -102,23 +87,21 @@ void source_1002_init() {
 }
 
 int source_basic_1001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  return bcp_emit_ap_record(__func__, dataset(BASIC_1001), basic_1001_columns,
-                            std::size(basic_1001_columns), va_arg(*ap, char *), false);
+  return bcp_emit_ap_record(__func__, dataset(BASIC_1001), basic_1001_columns, va_arg(*ap, char *),
+                            false);
 }
 
 int source_basic_1002_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  return bcp_emit_ap_record(__func__, dataset(BASIC_1002), basic_1002_columns,
-                            std::size(basic_1002_columns), va_arg(*ap, char *), false);
+  return bcp_emit_ap_record(__func__, dataset(BASIC_1002), basic_1002_columns, va_arg(*ap, char *),
+                            false);
 }
 
 int source_basic_1003_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(BASIC_1003), basic_1003_columns, std::size(basic_1003_columns),
-                  nullptr);
+  return bcp_emit(__func__, dataset(BASIC_1003), basic_1003_columns, nullptr);
 }
 
 int source_basic_1004_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(BASIC_1004), basic_1004_columns, std::size(basic_1004_columns),
-                  nullptr);
+  return bcp_emit(__func__, dataset(BASIC_1004), basic_1004_columns, nullptr);
 }
 
 void source_basic_1001_report_timer(void *) {
@@ -141,29 +124,25 @@ void source_basic_1004_report_timer(void *) {
 
 void source_basic_1001_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1001), "WA_BASIC_FJ_1001", basic_1001_columns,
-                            std::size(basic_1001_columns), BCP_STYLE_WIDE_CLOSE,
-                            source_basic_1001_business_handle, &basic_1001_timer,
-                            source_basic_1001_report_timer);
+                            BCP_STYLE_WIDE_CLOSE, source_basic_1001_business_handle,
+                            &basic_1001_timer, source_basic_1001_report_timer);
 }
 
 void source_basic_1002_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1002), "WA_BASIC_FJ_1002", basic_1002_columns,
-                            std::size(basic_1002_columns), BCP_STYLE_PLAIN,
-                            source_basic_1002_business_handle, &basic_1002_timer,
+                            BCP_STYLE_PLAIN, source_basic_1002_business_handle, &basic_1002_timer,
                             source_basic_1002_report_timer);
 }
 
 void source_basic_1003_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1003), "WA_BASIC_FJ_1003", basic_1003_columns,
-                            std::size(basic_1003_columns), BCP_STYLE_PLAIN,
-                            source_basic_1003_business_handle, &basic_1003_timer,
+                            BCP_STYLE_PLAIN, source_basic_1003_business_handle, &basic_1003_timer,
                             source_basic_1003_report_timer);
 }
 
 void source_basic_1004_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1004), "WA_BASIC_FJ_1004", basic_1004_columns,
-                            std::size(basic_1004_columns), BCP_STYLE_PLAIN,
-                            source_basic_1004_business_handle, &basic_1004_timer,
+                            BCP_STYLE_PLAIN, source_basic_1004_business_handle, &basic_1004_timer,
                             source_basic_1004_report_timer);
 }
 
