@@ -187,7 +187,11 @@ void netbar_netlink_recv_callback(int sock, void *, void *) {
   msg.msg_namelen = sizeof(from);
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
-  ssize_t n = recvmsg(sock, &msg, 0);
+  // Readiness may be stale: a command run by an earlier handler of this
+  // pass may have moved the message into the feed queue already.
+  ssize_t n = recvmsg(sock, &msg, MSG_DONTWAIT);
+  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    return;
   if (n <= 0) {
     log_msg(ERROR, "stop waiting for kernel broadcast ...ret:%d,sock_fd:%d,errno:%d\n",
             static_cast<int>(n), sock, errno);
@@ -251,11 +255,13 @@ int open_netlink_socket() {
 const char *netlink_parse(const uint8_t *data, size_t len, netlink_event *ev) {
   if (len < NETLINK_MSG_MIN)
     return "short";
+  // Only the first NETLINK_MSG_MAX bytes of a longer message are read, and
+  // the fields used all lie in its first 52: such a message is handled. A
+  // message that claims more bytes than came, though the buffer had room,
+  // was cut on the way and is refused.
   const uint32_t nlmsg_len = read_u32(data);
-  if (nlmsg_len > len)
+  if (nlmsg_len > len && len < NETLINK_MSG_MAX)
     return "longer than received";
-  if (nlmsg_len < NETLINK_MSG_MIN)
-    return "short";
   ev->type = data[16];
   if (ev->type != QZ_HTTP_DATA)
     return nullptr;

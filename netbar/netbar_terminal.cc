@@ -232,7 +232,12 @@ void netbar_recv_callback(int sock, void *, void *) {
   uint8_t buf[NETBAR_SHELL_MSG_MAX];
   sockaddr_un from;
   socklen_t from_len = sizeof(from);
-  ssize_t n = recvfrom(sock, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&from), &from_len);
+  // Readiness may be stale: a command run by an earlier handler of this
+  // pass may have moved the datagram into the feed queue already.
+  ssize_t n = recvfrom(sock, buf, sizeof(buf), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
+                       &from_len);
+  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    return;
   if (n < 0) {
     log_msg(ERROR, "read from domain fd failed");
     return;
