@@ -2,8 +2,6 @@
 // against plain fwrite of the same prepared lines. Runs in a private /tmp
 // (needs root):  build/bench/bcp_writer_bench
 #include <benchmark/benchmark.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -18,6 +16,7 @@
 #include "output/bcp_dataset.h"
 #include "output/wtps_scan.h"
 #include "terminal/source_group.h"
+#include "tests/private_tmp.h"
 
 namespace {
 

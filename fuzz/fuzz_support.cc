@@ -1,7 +1,5 @@
 #include "fuzz/fuzz_support.h"
 
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -12,6 +10,7 @@
 #include "frame/command.h"
 #include "frame/eloop.h"
 #include "netbar/netbar.h"
+#include "tests/private_tmp.h"
 
 namespace {
 
@@ -50,11 +49,8 @@ void fuzz_setup() {
   if (done)
     return;
   done = true;
-  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/tmp", "tmpfs", 0, "size=256m") != 0) {
-    perror("private /tmp (fuzz targets need root)");
+  if (!private_tmp("size=256m"))
     abort();
-  }
   write("/tmp/fuzz_config.json",
         "{\"fh_netbar_property_str\":\"1\",\"fh_netbar_type_str\":\"2\",\"fh_netbar_name\":\"Cafe\","
         "\"fh_equipment_name\":\"AP-01\",\"fh_source_str\":\"350100\",\"fh_address\":\"Main 1\","

@@ -485,6 +485,9 @@ def stage_binaries(build_dir, stage):
                      "qz_nlstub_probe_asan" % src)
         BIN[key] = os.path.join(stage, os.path.basename(name))
         shutil.copy2(src, BIN[key])
+    # The simulator too: a checkout under /tmp is hidden by the private one.
+    global SIM
+    SIM = shutil.copy2(SIM, os.path.join(stage, os.path.basename(SIM)))
 
 
 def main():
