@@ -169,34 +169,6 @@ TEST_F(NetbarFeeds, AuthTypesAndAccounts) {
   EXPECT_EQ(lines(NETBAR_SOURCE_0001).size(), 2u);
 }
 
-TEST_F(NetbarFeeds, BadDatagramsAreDroppedWithALineAndLaterOnesWork) {
-  debug_mode_on();
-  const std::vector<std::pair<std::string, std::string>> bad = {
-      {std::string("\3\0", 2), "datagram refused: shorter than its command type"},
-      {datagram(3, "aa:bb:cc:dd:ee:ff 1.2.3.4 1", false), "text without a terminator"},
-      {datagram(3, "aa:bb:cc:dd:ee:ff 1.2.3.4"), "fewer than 3 tokens"},
-      {datagram(3, "aa:bb:cc:dd:ee:ff 1.2.3.4 4 x"), "no usable account"},
-      {datagram(3, "../../etc/passwd 1.2.3.4 1"), "unusable mac"},
-      {datagram(3, std::string(40, 'a') + " 1.2.3.4 1"), "unusable mac"},
-      {datagram(3, "aa:bb:cc:dd:ee:ff " + std::string(30, '1') + " 1"), "ip too long"},
-      {datagram(3, "aa:bb:cc:dd:ee:ff 1.2.3.4 4 x " + std::string(70, 'c')), "no usable account"},
-      {datagram(2, ".."), "offline msg refused"},
-      {datagram(7, "x"), "UNKNOWN cmd type:7"},
-  };
-  for (const auto &b : bad) {
-    std::string text;
-    {
-      stdout_capture out;
-      send_shell(b.first);
-      text = out.text();
-    }
-    EXPECT_NE(text.find(b.second), std::string::npos) << b.second << "\n" << text;
-  }
-  EXPECT_TRUE(lines(NETBAR_SOURCE_0001).empty());
-  send_shell(datagram(3, "aa:bb:cc:dd:ee:ff 192.168.1.10 1"));
-  EXPECT_EQ(lines(NETBAR_SOURCE_0001).size(), 1u);
-}
-
 std::string http_msg(const uint8_t mac[6], uint32_t len = 200) {
   std::string m(len, '\0');
   memcpy(&m[0], &len, 4);
@@ -232,39 +204,6 @@ TEST_F(NetbarFeeds, HttpEventRecord) {
   }
   EXPECT_NE(text.find("can not find access mac:00:11:22:aa:bb:cc\n"), std::string::npos);
   EXPECT_EQ(lines(NETBAR_SOURCE_0002).size(), 1u);
-}
-
-TEST_F(NetbarFeeds, NetlinkRefusalsAreLogged) {
-  debug_mode_on();
-  const uint8_t mac[6] = {0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
-  ::testing::internal::CaptureStderr();
-  std::string m = http_msg(mac, 71);
-  netbar_netlink_process(reinterpret_cast<const uint8_t *>(m.data()), m.size());
-  m = http_msg(mac, 300);
-  netbar_netlink_process(reinterpret_cast<const uint8_t *>(m.data()), 200);
-  const std::string err = ::testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("ERROR:recv err data from kernel broadcast ...\n"), std::string::npos);
-  EXPECT_NE(err.find("netlink message refused: longer than received"), std::string::npos);
-  std::string text;
-  {
-    stdout_capture out;
-    for (uint8_t type : {0, 1, 3, 4}) {
-      m = http_msg(mac, 72);
-      m[16] = static_cast<char>(type);
-      netbar_netlink_process(reinterpret_cast<const uint8_t *>(m.data()), m.size());
-    }
-    text = out.text();
-  }
-  EXPECT_NE(text.find("netbar_netlink_recv_callback<"), std::string::npos);
-  EXPECT_NE(text.find("DEBUG:recv QZ_APP_DATA\n"), std::string::npos);
-  EXPECT_NE(text.find("DEBUG:recv QZ_DPI_DATA\n"), std::string::npos);
-  size_t unknown = 0;
-  for (size_t p = text.find("recv data UNKNOWN\n"); p != std::string::npos;
-       p = text.find("recv data UNKNOWN\n", p + 1))
-    unknown++;
-  EXPECT_EQ(unknown, 2u);  // types 0 and 4
-  EXPECT_EQ(text.find("recv QZ_HTTP_DATA"), std::string::npos);
-  EXPECT_TRUE(lines(NETBAR_SOURCE_0002).empty());
 }
 
 }  // namespace
