@@ -1,12 +1,14 @@
 // The floor the daemon's feed is measured against: receive the same
-// datagrams on the same socket, read the terminal's status file, and write
-// a fixed line per datagram. Exits after N datagrams.
+// datagrams on the same socket, read the terminal's status file where the
+// daemon does (online), and write a fixed line per datagram. Exits after N
+// datagrams.
 //   bare_loop N
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +37,13 @@ int main(int argc, char **argv) {
     if (len < 5)
       continue;
     buf[len] = '\0';
+    uint32_t cmd;
+    memcpy(&cmd, buf, sizeof(cmd));
+    // The daemon reads a terminal's status file when it comes online.
+    if (cmd != 3) {
+      fwrite(line, 1, sizeof(line) - 1, out);
+      continue;
+    }
     char *mac = buf + 4;
     char *end = strchr(mac, ' ');
     if (end)

@@ -127,10 +127,10 @@ def main():
     print("feed benchmark (%s)" % time.strftime("%Y-%m-%d"))
     print("  bare loop:      %8.0f datagrams/s  %.2f us CPU each" %
           (events / bare_wall, bare_cpu / events * 1e6))
-    print("  online+offline: %8.0f pairs/s (%.0f datagrams/s, %.0f%% of the bare loop)"
-          "  %.2f us CPU per datagram" %
+    print("  online+offline: %8.0f pairs/s (%.0f datagrams/s, %.0f%% of the bare loop's rate)"
+          "  %.2f us CPU per datagram (%.0f%% of the bare loop's CPU efficiency)" %
           (args.pairs / pair_wall, events / pair_wall, 100 * bare_wall / pair_wall,
-           pair_cpu / events * 1e6))
+           pair_cpu / events * 1e6, 100 * bare_cpu / pair_cpu))
     print("  HTTP events:    %8.0f events/s  %.2f us CPU each" %
           (args.http / http_wall, http_cpu / args.http * 1e6))
     print("  RSS: %d KiB idle, %d KiB with 10,000 online, %d KiB with 100,000 online (peak %d KiB)"

@@ -11,6 +11,8 @@
 // events are read and dropped, and counted.
 constexpr size_t FEED_QUEUE_MAX_BYTES = 2 * 1024 * 1024;
 constexpr int FEED_MAX_SOURCES = 4;
+// Messages a feed's read callback takes from its socket per wake-up.
+constexpr int FEED_BATCH = 32;
 
 // Handles one received message; len is what recv returned (0 or more).
 using feed_process_fn = void (*)(const uint8_t *data, size_t len);

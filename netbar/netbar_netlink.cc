@@ -179,25 +179,30 @@ int netbar_0002_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
 }
 
 void netbar_netlink_recv_callback(int sock, void *, void *) {
-  uint8_t buf[NETLINK_MSG_MAX] = {};
-  sockaddr_nl from;
-  iovec iov = {buf, sizeof(buf)};
-  msghdr msg = {};
-  msg.msg_name = &from;
-  msg.msg_namelen = sizeof(from);
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  // Readiness may be stale: a command run by an earlier handler of this
-  // pass may have moved the message into the feed queue already.
-  ssize_t n = recvmsg(sock, &msg, MSG_DONTWAIT);
-  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-    return;
-  if (n <= 0) {
-    log_msg(ERROR, "stop waiting for kernel broadcast ...ret:%d,sock_fd:%d,errno:%d\n",
-            static_cast<int>(n), sock, errno);
-    return;
+  // Several messages per wake-up, as for the online/offline feed.
+  for (int i = 0; i < FEED_BATCH; i++) {
+    uint8_t buf[NETLINK_MSG_MAX] = {};
+    sockaddr_nl from;
+    iovec iov = {buf, sizeof(buf)};
+    msghdr msg = {};
+    msg.msg_name = &from;
+    msg.msg_namelen = sizeof(from);
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    // Readiness may be stale: a command run by an earlier handler of this
+    // pass may have moved the message into the feed queue already.
+    ssize_t n = recvmsg(sock, &msg, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+      return;
+    if (n <= 0) {
+      log_msg(ERROR, "stop waiting for kernel broadcast ...ret:%d,sock_fd:%d,errno:%d\n",
+              static_cast<int>(n), sock, errno);
+      return;
+    }
+    netbar_netlink_process(buf, static_cast<size_t>(n));
+    if (!feed_queue_empty())
+      return;
   }
-  netbar_netlink_process(buf, static_cast<size_t>(n));
 }
 
 void netlink_send(int sock) {

@@ -229,20 +229,27 @@ int netbar_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
 }
 
 void netbar_recv_callback(int sock, void *, void *) {
-  uint8_t buf[NETBAR_SHELL_MSG_MAX];
-  sockaddr_un from;
-  socklen_t from_len = sizeof(from);
-  // Readiness may be stale: a command run by an earlier handler of this
-  // pass may have moved the datagram into the feed queue already.
-  ssize_t n = recvfrom(sock, buf, sizeof(buf), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
-                       &from_len);
-  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-    return;
-  if (n < 0) {
-    log_msg(ERROR, "read from domain fd failed");
-    return;
+  // Several datagrams per wake-up: one select per datagram would cost more
+  // than handling it.
+  for (int i = 0; i < FEED_BATCH; i++) {
+    uint8_t buf[NETBAR_SHELL_MSG_MAX];
+    sockaddr_un from;
+    socklen_t from_len = sizeof(from);
+    // Readiness may be stale: a command run by an earlier handler of this
+    // pass may have moved the datagram into the feed queue already.
+    ssize_t n = recvfrom(sock, buf, sizeof(buf), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
+                         &from_len);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+      return;
+    if (n < 0) {
+      log_msg(ERROR, "read from domain fd failed");
+      return;
+    }
+    netbar_shell_process(buf, static_cast<size_t>(n));
+    // Input queued by a command run meanwhile is older: it goes first.
+    if (!feed_queue_empty())
+      return;
   }
-  netbar_shell_process(buf, static_cast<size_t>(n));
 }
 
 int netbar_create_unix_sock() {
