@@ -204,7 +204,7 @@ def pending_signals(pid):
     return {n for n in range(1, 65) if mask & (1 << (n - 1))}
 
 
-def send_signal(pid, sig, timeout=5.0):
+def send_signal(pid, sig, timeout=60.0):
     """Sends sig and waits until it has been delivered.
 
     Two different signals pending at once are delivered lowest number
@@ -242,7 +242,7 @@ def is_idle(pid):
     return nr.isdigit() and int(nr) in _WAIT_SYSCALLS and not children_of(pid)
 
 
-def wait_idle(pid, timeout=10.0):
+def wait_idle(pid, timeout=60.0):
     """Waits until the process is idle twice in a row, 50 ms apart: its
     start-up or current job is over and it waits for the next event."""
     def twice():
@@ -466,14 +466,14 @@ class Daemon:
                 % (" ".join(self.argv[1:]), self.pid, self.proc.poll(),
                    _tail(self.stdout_text()), _tail(self.stderr_text())))
 
-    def wait_for(self, pattern, stream="stdout", timeout=10.0, since=0, flags=re.M):
+    def wait_for(self, pattern, stream="stdout", timeout=60.0, since=0, flags=re.M):
         """Waits until the regex matches the stream's text (from offset since)
         and returns the match; raises AssertionError with the output's tail
         on time-out or when the output has ended without a match."""
         return self._cap.wait_for(pattern, stream, timeout, since, flags,
                                   lambda: self._cap.open_streams == 0, self.describe)
 
-    def wait(self, timeout=10.0):
+    def wait(self, timeout=60.0):
         """Waits for the process to end; returns its status (negative for a signal)."""
         try:
             self.proc.wait(timeout)
@@ -569,7 +569,7 @@ class SyslogSink:
                     self._msgs.append(data.decode("utf-8", errors="replace"))
                 self._cond.notify_all()
 
-    def sync(self, timeout=5.0):
+    def sync(self, timeout=60.0):
         """Returns once everything sent to the socket so far has been read:
         datagrams of one socket queue are read in the order sent."""
         with self._cond:
@@ -602,7 +602,7 @@ class SyslogSink:
     def records(self, since=0):
         return [SyslogRecord(m) for m in self.lines(since)]
 
-    def wait_for(self, pattern, timeout=10.0, since=0, flags=0):
+    def wait_for(self, pattern, timeout=60.0, since=0, flags=0):
         """Waits for a datagram the regex matches (searched over the raw text,
         priority included); returns its SyslogRecord."""
         regex = re.compile(pattern, flags)
@@ -663,8 +663,11 @@ class Sandbox:
         _run("mount", "-t", "tmpfs", "-o", "mode=0755", "qzprivate", self.private)
         st.callback(_run, "umount", "-l", self.private, check=False)
 
-        # A checkout or build under /tmp stays reachable at its own path.
+        # A checkout or build under /tmp stays reachable at its own path, and
+        # so does the working directory if it lies there.
         keep = [p for p in _paths_to_keep() if p.startswith("/tmp/")]
+        cwd = os.getcwd()
+        st.callback(os.chdir, cwd)
         if keep:
             old_tmp = self._dir("old-tmp")
             _run("mount", "--bind", "/tmp", old_tmp)
@@ -675,6 +678,7 @@ class Sandbox:
             _run("mount", "--bind", old_tmp + path[len("/tmp"):], path)
         if keep:
             _run("umount", "-l", old_tmp)
+        os.chdir(cwd if os.path.isdir(cwd) else "/")
 
         upper, work = self._dir("etc-upper"), self._dir("etc-work")
         _run("mount", "-t", "overlay", "qzetc",
@@ -867,7 +871,7 @@ class Sandbox:
         self.daemons.append(d)
         return d
 
-    def run_daemon_once(self, args=("-D",), timeout=10.0, **kw):
+    def run_daemon_once(self, args=("-D",), timeout=60.0, **kw):
         """Runs the daemon to its end: (status, stdout, stderr)."""
         d = self.start_daemon(args, **kw)
         try:

@@ -1,36 +1,28 @@
 """A `wum` for end-to-end runs that gives each scheduler tick its own
-listing and notes what the spool directories held when it ran.
+listing, notes what the spool directories held when it ran, and can hold
+the daemon at a tick.
 
-The daemon runs `wum -c wtps` synchronously inside its tick, so what this
-stand-in sees in /tmp/146 and /tmp/144 is the daemon's state at that point
-of the tick, without racing it from the test.  Calls less than TICK_GAP
-faked seconds apart belong to one tick: the scans of a tick follow each
-other within seconds, while a tick's last scan and the next tick's first
-are at least 300 s apart.
-
-It can also hold the daemon at the first scan of a tick, just after that
-tick's archive cycles, so that a test can change the world between two
-cycles without racing the daemon's clock.
-
-Also here for the tests that use it: the output checker run on one
-received file, and a wait that gives up as soon as the daemon has died.
+The daemon runs `wum -c wtps` inside its tick, so what this stand-in sees
+in /tmp/146 and /tmp/144 is the daemon's state at that point of the tick,
+without racing it.  Calls less than GAP faked seconds apart belong to one
+tick: a tick's scans follow each other within seconds, ticks are 300 s
+apart.  The first scan of a tick comes right after the terminal group's
+archive and before the netbar group's; while it is held, events sent to
+the daemon wait in its queue and are handled once the tick is over.
 """
 
-import json
+import collections
 import os
-import stat
-import subprocess
-import sys
 
 import qz_sandbox
-from qz_sandbox import wait_until
+from e2e_base import LONG_WAIT, wait_running
 
-TICK_GAP = 240
-LISTING_DIR = os.path.dirname(qz_sandbox.WUM_LISTING)
+GAP = 240
+LISTINGS = os.path.dirname(qz_sandbox.WUM_LISTING)
 
 _SCRIPT = r"""#!/bin/sh
 state='@STATE@'
-if [ "$#" -eq 2 ] && [ "$1" = "-c" ] && [ "$2" = "wtps" ]; then
+if [ "$*" = "-c wtps" ]; then
     now=$(date +%s)
     tick=0
     last=
@@ -47,11 +39,11 @@ if [ "$#" -eq 2 ] && [ "$1" = "-c" ] && [ "$2" = "wtps" ]; then
     }
     printf '%s\t%s\t%s\t%s\n' "$tick" "$now" "$(spool /tmp/146)" "$(spool /tmp/144)" \
         >> "$state/calls"
-    # Hold the daemon here, at the start of the tick's scans, until the
-    # test lets it go on.
     if [ -n "$first" ] && [ -e "$state/pause.$tick" ]; then
         : > "$state/paused.$tick"
         while [ -e "$state/pause.$tick" ]; do sleep 1; done
+        # The hold is no gap between ticks.
+        echo "$tick $(date +%s)" > "$state/tick"
     fi
     if [ -e '@LISTINGS@/wtps.'"$tick" ]; then
         QZ_WUM_LISTING='@LISTINGS@/wtps.'"$tick"
@@ -61,116 +53,63 @@ fi
 exec '@REAL@' "$@"
 """
 
+# One run of `wum -c wtps`: its tick, faked time, and the names in /tmp/146
+# and /tmp/144 (None for a missing directory).
+Call = collections.namedtuple("Call", "tick time spool146 spool144")
 
-class WumCall:
-    """One run of `wum -c wtps`: its tick, faked time and the names in
-    the two spool directories (None for a directory that was missing)."""
 
-    def __init__(self, line):
-        tick, when, s146, s144 = line.rstrip("\n").split("\t")
-        self.tick, self.time = int(tick), int(when)
-        self.spool = {146: self._names(s146), 144: self._names(s144)}
-
-    @staticmethod
-    def _names(text):
-        if text == "?":
-            return None
-        return [n for n in text.split("/") if n]
-
-    def __repr__(self):
-        return "WumCall(tick=%d, time=%d, spool=%r)" % (self.tick, self.time, self.spool)
+def _names(text):
+    return None if text == "?" else [n for n in text.split("/") if n]
 
 
 class TickWum:
-    """Installs the stand-in in the sandbox's bin directory.
-
-    listings[n] is the listing of tick n (a list of lines, [] for an empty
-    listing); ticks after the last one keep using it."""
+    """listings[n] is the listing of tick n, a list of lines; later ticks
+    keep the last one."""
 
     def __init__(self, sb, listings):
         self.state = os.path.join(sb.private, "tick-wum")
         os.makedirs(self.state, exist_ok=True)
+        os.makedirs(LISTINGS, exist_ok=True)
         for tick, lines in enumerate(listings):
-            self._write(os.path.join(LISTING_DIR, "wtps.%d" % tick), lines)
+            with open(os.path.join(LISTINGS, "wtps.%d" % tick), "w") as f:
+                f.write("".join(line + "\n" for line in lines))
         sb.set_wtps(listings[-1])
-        script = (_SCRIPT.replace("@STATE@", self.state)
-                  .replace("@GAP@", str(TICK_GAP))
-                  .replace("@LISTINGS@", LISTING_DIR)
+        script = (_SCRIPT.replace("@STATE@", self.state).replace("@GAP@", str(GAP))
+                  .replace("@LISTINGS@", LISTINGS)
                   .replace("@REAL@", os.path.join(qz_sandbox.TOOLS_DIR, "wum")))
         path = os.path.join(sb.bin_dir, "wum")
         with open(path, "w") as f:
             f.write(script)
-        os.chmod(path, os.stat(path).st_mode | stat.S_IXUSR | stat.S_IXGRP | stat.S_IXOTH)
+        os.chmod(path, 0o755)
 
-    @staticmethod
-    def _write(path, lines):
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "w") as f:
-            f.write("".join(line + "\n" for line in lines))
-
-    def _pause_file(self, tick, done=False):
-        return os.path.join(self.state, "%s.%d" % ("paused" if done else "pause", tick))
+    def _file(self, name, tick):
+        return os.path.join(self.state, "%s.%d" % (name, tick))
 
     def pause_at(self, tick):
         """Makes the first scan of tick wait until resume(tick)."""
-        open(self._pause_file(tick), "w").close()
+        open(self._file("pause", tick), "w").close()
 
-    def wait_paused(self, daemon, tick, timeout):
-        wait_running(daemon, lambda: os.path.exists(self._pause_file(tick, done=True)),
-                     timeout, "the daemon to reach the scans of tick %d" % tick)
+    def wait_paused(self, daemon, tick):
+        wait_running(daemon, lambda: os.path.exists(self._file("paused", tick)),
+                     "the daemon to reach tick %d" % tick)
 
     def resume(self, tick):
-        os.unlink(self._pause_file(tick))
-
-    def calls(self):
-        try:
-            with open(os.path.join(self.state, "calls")) as f:
-                text = f.read()
-        except FileNotFoundError:
-            return []
-        # The last line may be one being written.
-        return [WumCall(line) for line in text.split("\n")[:-1]]
+        os.unlink(self._file("pause", tick))
 
     def ticks(self):
-        """Calls grouped by tick: {tick: [calls in order]}."""
+        """Calls grouped by tick: {tick: [Call, ...]}."""
+        try:
+            with open(os.path.join(self.state, "calls")) as f:
+                lines = f.read().split("\n")[:-1]  # the last may be half written
+        except FileNotFoundError:
+            lines = []
         out = {}
-        for c in self.calls():
-            out.setdefault(c.tick, []).append(c)
+        for line in lines:
+            tick, when, s146, s144 = line.split("\t")
+            out.setdefault(int(tick), []).append(
+                Call(int(tick), int(when), _names(s146), _names(s144)))
         return out
 
-
-CHECKER = os.path.join(qz_sandbox.TOOLS_DIR, "qz_bcp_check")
-
-
-def bcp_check(path, name=None, exact=True):
-    """Runs the output checker on one received file; returns (status,
-    JSON summary of the file, fault lines)."""
-    cmd = [sys.executable, CHECKER, "--json", "--quiet"]
-    if exact:
-        cmd.append("--exact")
-    cmd += ["--name", name] if name else ["--no-name-check"]
-    cmd.append(path)
-    r = subprocess.run(cmd, capture_output=True, text=True, timeout=60)
-    try:
-        summary = json.loads(r.stdout)
-    except ValueError:
-        raise AssertionError("checker printed no JSON (status %d): %s%s"
-                             % (r.returncode, r.stdout, r.stderr))
-    return r.returncode, summary["archives"][0], summary["faults"]
-
-
-def wait_running(daemon, predicate, timeout, what):
-    """wait_until for a condition the daemon has to bring about: fails at
-    once, with its output, when the daemon has ended."""
-    def check():
-        value = predicate()
-        if not value and not daemon.running():
-            raise AssertionError("daemon ended while waiting for %s\n%s"
-                                 % (what, daemon.describe()))
-        return value
-    try:
-        return wait_until(check, timeout, what)
-    except AssertionError as e:
-        if "timed out" in str(e):
-            raise AssertionError("%s\n%s" % (e, daemon.describe())) from None
-        raise
+    def wait_tick(self, daemon, tick, timeout=LONG_WAIT):
+        wait_running(daemon, lambda: tick in self.ticks(), "the scans of tick %d" % tick,
+                     timeout)
