@@ -22,19 +22,25 @@ constexpr level_info level_table[] = {
     {"ERROR", LOG_ERR},
 };
 
-// Large enough for a whole record line plus the prefix.
-constexpr size_t SYSLOG_LINE_SIZE = 8192;
+// Large enough for a whole record line plus the prefix; longer lines are cut.
+constexpr size_t LOG_LINE_SIZE = 8192;
 
-int print_prefix(char *buf, size_t size, FILE *stream, const level_info &lv, const char *func,
-                 int line) {
+// Formats the whole line into buf (cut to its size) and returns its length.
+size_t format_line(char *buf, size_t size, const level_info &lv, const char *func, int line,
+                   const char *format, va_list ap) {
   time_t now = time(nullptr);
   struct tm tmv;
   localtime_r(&now, &tmv);
-  if (stream)
-    return fprintf(stream, "%d-%d-%d %d:%d:%d %s<%d>: %s:", tmv.tm_year + 1900, tmv.tm_mon + 1,
+  int n = snprintf(buf, size, "%d-%d-%d %d:%d:%d %s<%d>: %s:", tmv.tm_year + 1900, tmv.tm_mon + 1,
                    tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, func, line, lv.word);
-  return snprintf(buf, size, "%d-%d-%d %d:%d:%d %s<%d>: %s:", tmv.tm_year + 1900, tmv.tm_mon + 1,
-                  tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, func, line, lv.word);
+  if (n < 0)
+    return 0;
+  if (static_cast<size_t>(n) < size) {
+    int m = vsnprintf(buf + n, size - n, format, ap);
+    if (m > 0)
+      n += m;
+  }
+  return static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
 }
 
 }  // namespace
@@ -45,25 +51,22 @@ void log_write(log_level level, const char *func, int line, const char *format, 
   if (!to_console && !to_syslog)
     return;
   const level_info &lv = level_table[static_cast<int>(level)];
+  // One write per line, so that a line is never split by other output.
+  char buf[LOG_LINE_SIZE];
   va_list ap;
   if (to_console) {
     FILE *stream = level == log_level::DEBUG ? stdout : stderr;
-    print_prefix(nullptr, 0, stream, lv, func, line);
     va_start(ap, format);
-    vfprintf(stream, format, ap);
+    const size_t n = format_line(buf, sizeof(buf), lv, func, line, format, ap);
     va_end(ap);
+    fwrite(buf, 1, n, stream);
     fflush(stream);
   }
   if (to_syslog) {
-    char buf[SYSLOG_LINE_SIZE];
-    int n = print_prefix(buf, sizeof(buf), nullptr, lv, func, line);
-    if (n < 0)
-      return;
-    if (static_cast<size_t>(n) < sizeof(buf)) {
-      va_start(ap, format);
-      vsnprintf(buf + n, sizeof(buf) - n, format, ap);
-      va_end(ap);
-    }
+    // The time is read again, as for a line written on its own.
+    va_start(ap, format);
+    format_line(buf, sizeof(buf), lv, func, line, format, ap);
+    va_end(ap);
     syslog(lv.priority, "%s", buf);
   }
 }
