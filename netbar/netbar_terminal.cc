@@ -99,7 +99,6 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
     return;
   }
   text_copy(msg.tokens[0], rec->key, sizeof(rec->key));
-  text_copy(msg.tokens[0], rec->mac, sizeof(rec->mac));
   text_copy(msg.tokens[1], rec->ip, sizeof(rec->ip));
 
   const wifi_info *wifi = qz2fh_get_wifi_info(rec->key);
@@ -134,6 +133,7 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
 // Context of one WA_SOURCE_FJ_0001 record.
 struct terminal_record {
   const netbar_terminal *rec;
+  const char *mac;  // in record form
   bool online;
   unsigned long long end_time;
   const char *equipment_id;
@@ -156,7 +156,7 @@ void put_end_time(bcp_line &l, const void *c) {
 void put_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).ip_number); }
 void put_src_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).src_ip_number); }
 void put_port_80(bcp_line &l) { l.put_signed(80); }
-void put_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->mac); }
+void put_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).mac); }
 void put_equipment_id(bcp_line &l, const void *c) { l.put(ctx_of(c).equipment_id); }
 void put_ap_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->ap_mac); }
 void put_session_id(bcp_line &l, const void *c) { l.put(ctx_of(c).session_id); }
@@ -207,17 +207,20 @@ int netbar_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
   auto *rec = va_arg(*ap, netbar_terminal *);
   if (!rec)
     return 0;
-  bcp_mac_to_record_form(rec->mac);
+  char mac[sizeof(rec->key)];
+  memcpy(mac, rec->key, sizeof(mac));
+  bcp_mac_to_record_form(mac);
   bcp_mac_to_record_form(rec->ap_mac);
   terminal_record t;
   t.rec = rec;
+  t.mac = mac;
   t.online = online != 0;
   t.end_time = static_cast<unsigned long long>(time(nullptr));
   char equipment_id[24];
   snprintf(equipment_id, sizeof(equipment_id), "%s", qz2fh_get_equipment_id(rec->ap_mac));
   t.equipment_id = equipment_id;
   char session_id[NETBAR_SESSION_ID_SIZE];
-  netbar_session_id(session_id, rec->mac, rec->online_time);
+  netbar_session_id(session_id, mac, rec->online_time);
   t.session_id = session_id;
   t.ip_number = netbar_ipv4_number(rec->ip);
   const char *route_ip = qz2fh_get_route_ip();

@@ -11,11 +11,12 @@ struct netbar_terminal {
   char auth_type[8];  // 7-digit code of the authentication type
   char account[64];
   char ip[24];
-  char mac[32];  // rewritten to record form by the record writer
   unsigned long long online_time;
   char ap_mac[32];  // access point serving the terminal; rewritten too
   char field_strength[32];
-  char key[32];  // the MAC as received: the table's key, owned here
+  // The MAC as received: the table's key, owned here. Records show it in
+  // record form, rewritten from this text each time.
+  char key[32];
 };
 
 enum { NETBAR_CMD_OFFLINE = 2, NETBAR_CMD_ONLINE = 3 };
