@@ -150,7 +150,8 @@ def account(sent, received):
     for r in received:
         seen[r] = seen.get(r, 0) + 1
     duplicates = sum(c - 1 for c in seen.values() if c > 1)
-    unexpected = [r for r in seen if r not in set(sent)]
+    sent_set = set(sent)
+    unexpected = [r for r in seen if r not in sent_set]
     missing = [s for s in sent if s not in seen]
     return missing, duplicates, unexpected
 
