@@ -178,17 +178,23 @@ int netbar_0002_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
   return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0002], source_0002_columns, &r);
 }
 
+// A message header for one buffer and a netlink address.
+msghdr one_buffer_msg(sockaddr_nl *addr, iovec *iov) {
+  msghdr msg = {};
+  msg.msg_name = addr;
+  msg.msg_namelen = sizeof(*addr);
+  msg.msg_iov = iov;
+  msg.msg_iovlen = 1;
+  return msg;
+}
+
 void netbar_netlink_recv_callback(int sock, void *, void *) {
   // Several messages per wake-up, as for the online/offline feed.
   for (int i = 0; i < FEED_BATCH; i++) {
     uint8_t buf[NETLINK_MSG_MAX] = {};
     sockaddr_nl from;
     iovec iov = {buf, sizeof(buf)};
-    msghdr msg = {};
-    msg.msg_name = &from;
-    msg.msg_namelen = sizeof(from);
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
+    msghdr msg = one_buffer_msg(&from, &iov);
     // Readiness may be stale: a command run by an earlier handler of this
     // pass may have moved the message into the feed queue already.
     ssize_t n = recvmsg(sock, &msg, MSG_DONTWAIT);
@@ -218,11 +224,7 @@ void netlink_send(int sock) {
   sockaddr_nl kernel = {};
   kernel.nl_family = AF_NETLINK;
   iovec iov = {reg, sizeof(reg)};
-  msghdr msg = {};
-  msg.msg_name = &kernel;
-  msg.msg_namelen = sizeof(kernel);
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
+  msghdr msg = one_buffer_msg(&kernel, &iov);
   if (sendmsg(sock, &msg, 0) < 0)
     log_msg(DEBUG, "sock_fd:%d\n", sock);
 }
