@@ -11,10 +11,13 @@ struct feed_source {
   int fd;
   size_t max_len;
   feed_process_fn process;
+  feed_error_fn fail;
 };
 
-// Each message is a 4-byte header (source index, length) and its bytes.
+// Each entry is a 4-byte header (source index, kind, length) and its bytes:
+// a message, or the errno of a failed receive.
 constexpr size_t HEADER_SIZE = 4;
+enum : uint8_t { ENTRY_MESSAGE, ENTRY_ERROR };
 // Largest message any source may take; bounds the copy made while handling.
 constexpr size_t MAX_MESSAGE = 4096;
 // Messages handled from the queue between two looks at the sockets.
@@ -31,12 +34,30 @@ bool draining;
 
 }  // namespace
 
-int feed_queue_add_source(int fd, size_t max_len, feed_process_fn process) {
+int feed_queue_add_source(int fd, size_t max_len, feed_process_fn process, feed_error_fn fail) {
   if (source_count >= FEED_MAX_SOURCES || max_len > MAX_MESSAGE)
     return -1;
-  sources[source_count++] = feed_source{fd, max_len, process};
+  sources[source_count++] = feed_source{fd, max_len, process, fail};
   return 0;
 }
+
+namespace {
+
+// Appends an entry, or counts it as dropped when the queue is full.
+void push(int index, uint8_t kind, const void *data, size_t len) {
+  if (queue.size() - head + HEADER_SIZE + len > FEED_QUEUE_MAX_BYTES) {
+    dropped++;
+    return;
+  }
+  const uint8_t header[HEADER_SIZE] = {static_cast<uint8_t>(index), kind,
+                                       static_cast<uint8_t>(len & 0xff),
+                                       static_cast<uint8_t>(len >> 8)};
+  const auto *bytes = static_cast<const uint8_t *>(data);
+  queue.insert(queue.end(), header, header + HEADER_SIZE);
+  queue.insert(queue.end(), bytes, bytes + len);
+}
+
+}  // namespace
 
 int feed_queue_source_count() { return source_count; }
 
@@ -48,19 +69,14 @@ void feed_queue_pull(int index) {
   for (;;) {
     ssize_t n = recv(src.fd, buf, src.max_len, MSG_DONTWAIT);
     if (n < 0) {
-      if (errno == EINTR)
+      const int err = errno;
+      if (err == EINTR)
         continue;
-      return;  // EAGAIN: nothing left; other errors show again in the loop
+      if (err != EAGAIN && err != EWOULDBLOCK)
+        push(index, ENTRY_ERROR, &err, sizeof(err));
+      return;
     }
-    if (queue.size() - head + HEADER_SIZE + n > FEED_QUEUE_MAX_BYTES) {
-      dropped++;
-      continue;
-    }
-    const uint8_t header[HEADER_SIZE] = {static_cast<uint8_t>(index), 0,
-                                         static_cast<uint8_t>(n & 0xff),
-                                         static_cast<uint8_t>(n >> 8)};
-    queue.insert(queue.end(), header, header + HEADER_SIZE);
-    queue.insert(queue.end(), buf, buf + n);
+    push(index, ENTRY_MESSAGE, buf, static_cast<size_t>(n));
   }
 }
 
@@ -79,10 +95,18 @@ void feed_queue_drain() {
       for (int i = 0; i < source_count; i++)
         feed_queue_pull(i);
     const int index = queue[head];
+    const uint8_t kind = queue[head + 1];
     const size_t len = queue[head + 2] | (static_cast<size_t>(queue[head + 3]) << 8);
     memcpy(msg, queue.data() + head + HEADER_SIZE, len);
     head += HEADER_SIZE + len;
-    sources[index].process(msg, len);
+    const feed_source &src = sources[index];
+    if (kind == ENTRY_MESSAGE) {
+      src.process(msg, len);
+    } else if (src.fail) {
+      int err;
+      memcpy(&err, msg, sizeof(err));
+      src.fail(src.fd, err);
+    }
   }
   queue.clear();
   head = 0;

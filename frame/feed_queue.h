@@ -16,10 +16,14 @@ constexpr int FEED_BATCH = 32;
 
 // Handles one received message; len is what recv returned (0 or more).
 using feed_process_fn = void (*)(const uint8_t *data, size_t len);
+// Reports a receive error (errno err) on the source's socket fd.
+using feed_error_fn = void (*)(int fd, int err);
 
 // Registers a feed socket: while a command runs, messages of at most
-// max_len bytes are taken from fd and later given to process. -1 when full.
-int feed_queue_add_source(int fd, size_t max_len, feed_process_fn process);
+// max_len bytes are taken from fd and later given to process; receive
+// errors, which a read consumes (a netlink overrun is reported once), are
+// queued in their place and later given to fail. -1 when full.
+int feed_queue_add_source(int fd, size_t max_len, feed_process_fn process, feed_error_fn fail);
 // Number of sources and their descriptors, for the command runner's poll.
 int feed_queue_source_count();
 int feed_queue_source_fd(int index);

@@ -188,6 +188,15 @@ msghdr one_buffer_msg(sockaddr_nl *addr, iovec *iov) {
   return msg;
 }
 
+// A failed receive, from the callback or the feed queue (an overrun,
+// ENOBUFS, is reported by one receive only).
+void netlink_recv_failed(int ret, int sock, int err) {
+  log_msg_as("netbar_netlink_recv_callback", ERROR,
+             "stop waiting for kernel broadcast ...ret:%d,sock_fd:%d,errno:%d\n", ret, sock, err);
+}
+
+void netlink_queued_failure(int sock, int err) { netlink_recv_failed(-1, sock, err); }
+
 void netbar_netlink_recv_callback(int sock, void *, void *) {
   // Several messages per wake-up, as for the online/offline feed.
   for (int i = 0; i < FEED_BATCH; i++) {
@@ -201,8 +210,7 @@ void netbar_netlink_recv_callback(int sock, void *, void *) {
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
       return;
     if (n <= 0) {
-      log_msg(ERROR, "stop waiting for kernel broadcast ...ret:%d,sock_fd:%d,errno:%d\n",
-              static_cast<int>(n), sock, errno);
+      netlink_recv_failed(static_cast<int>(n), sock, errno);
       return;
     }
     netbar_netlink_process(buf, static_cast<size_t>(n));
@@ -253,25 +261,18 @@ int open_netlink_socket() {
     close(fd);
     return -1;
   }
-  feed_queue_add_source(fd, NETLINK_MSG_MAX, netbar_netlink_process);
+  feed_queue_add_source(fd, NETLINK_MSG_MAX, netbar_netlink_process, netlink_queued_failure);
   return fd;
 }
 
 }  // namespace
 
-const char *netlink_parse(const uint8_t *data, size_t len, netlink_event *ev) {
+bool netlink_parse(const uint8_t *data, size_t len, netlink_event *ev) {
   if (len < NETLINK_MSG_MIN)
-    return "short";
-  // Only the first NETLINK_MSG_MAX bytes of a longer message are read, and
-  // the fields used all lie in its first 52: such a message is handled. A
-  // message that claims more bytes than came, though the buffer had room,
-  // was cut on the way and is refused.
-  const uint32_t nlmsg_len = read_u32(data);
-  if (nlmsg_len > len && len < NETLINK_MSG_MAX)
-    return "longer than received";
+    return false;
   ev->type = data[16];
   if (ev->type != QZ_HTTP_DATA)
-    return nullptr;
+    return true;
   const uint8_t *m = data + 32;
   snprintf(ev->http.mac, sizeof(ev->http.mac), "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2],
            m[3], m[4], m[5]);
@@ -279,20 +280,15 @@ const char *netlink_parse(const uint8_t *data, size_t len, netlink_event *ev) {
   ev->http.dst_ip = ntohl(read_u32(data + 44));
   ev->http.port = ntohs(read_u16(data + 48));
   ev->http.dst_port = ntohs(read_u16(data + 50));
-  return nullptr;
+  return true;
 }
 
 void netbar_netlink_process(const uint8_t *data, size_t len) {
   // Part of the socket's read callback, also run for queued messages.
   static const char func[] = "netbar_netlink_recv_callback";
   netlink_event ev;
-  const char *why = netlink_parse(data, len, &ev);
-  if (why) {
-    if (len < NETLINK_MSG_MIN)
-      log_msg_as(func, ERROR, "recv err data from kernel broadcast ...\n");
-    else
-      log_msg_as(func, ERROR, "netlink message refused: %s (%d bytes received, nlmsg_len %u)\n",
-                 why, static_cast<int>(len), read_u32(data));
+  if (!netlink_parse(data, len, &ev)) {
+    log_msg_as(func, ERROR, "recv err data from kernel broadcast ...\n");
     return;
   }
   switch (ev.type) {

@@ -21,5 +21,7 @@ struct netlink_event {
   netlink_http_event http;
 };
 
-// Reads an event message, never past len. Null, or why it is refused.
-const char *netlink_parse(const uint8_t *data, size_t len, netlink_event *ev);
+// Reads an event message, never past len; false when it is too short. The
+// header's nlmsg_len is not consulted: the fields used all lie in the first
+// NETLINK_MSG_MIN bytes, which a message of that length holds.
+bool netlink_parse(const uint8_t *data, size_t len, netlink_event *ev);

@@ -231,6 +231,15 @@ int netbar_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
              : -1;
 }
 
+namespace {
+
+// A failed read of the socket, from the callback or the feed queue.
+void shell_recv_failed(int, int) {
+  log_msg_as("netbar_recv_callback", ERROR, "read from domain fd failed");
+}
+
+}  // namespace
+
 void netbar_recv_callback(int sock, void *, void *) {
   // Several datagrams per wake-up: one select per datagram would cost more
   // than handling it.
@@ -245,7 +254,7 @@ void netbar_recv_callback(int sock, void *, void *) {
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
       return;
     if (n < 0) {
-      log_msg(ERROR, "read from domain fd failed");
+      shell_recv_failed(sock, errno);
       return;
     }
     netbar_shell_process(buf, static_cast<size_t>(n));
@@ -338,7 +347,7 @@ void netbar_init_sock() {
     close(fd);
   } else {
     log_msg(DEBUG, "init shell fd success!\n");
-    feed_queue_add_source(fd, NETBAR_SHELL_MSG_MAX, netbar_shell_process);
+    feed_queue_add_source(fd, NETBAR_SHELL_MSG_MAX, netbar_shell_process, shell_recv_failed);
   }
   bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
                    bcp_make_template(source_0001_columns, SOURCE_0001_STYLE),
