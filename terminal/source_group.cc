@@ -10,9 +10,9 @@
 #include "output/spool.h"
 #include "output/wtps_scan.h"
 
-namespace {
-
 bcp_group source_group;
+
+namespace {
 
 enum {
   SOURCE_1001,

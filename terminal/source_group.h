@@ -2,6 +2,10 @@
 // records: access points, place and vendor.
 #pragma once
 
+#include "output/bcp_dataset.h"
+
+extern bcp_group source_group;
+
 // Registers the group, empties and creates /tmp/146 and sets up its six
 // datasets with their timers.
 void source_group_init();

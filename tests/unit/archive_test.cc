@@ -39,7 +39,7 @@ class Archive : public ::testing::Test {
     source_group_init();
     run.commands.clear();
   }
-  report_timer *group_timer() { return report_timer_list.next; }
+  report_timer *group_timer() { return &source_group.timer; }
   fake_runner run;
   std::string index;
 };
