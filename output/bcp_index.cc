@@ -80,6 +80,7 @@ namespace {
 void make_plan(bcp_line_plan &plan, const bcp_column *cols, size_t count) {
   plan.text.clear();
   plan.pieces.clear();
+  plan.fits = true;
   size_t run_start = 0;
   auto end_run = [&plan, &run_start]() {
     if (plan.text.size() > run_start)
@@ -91,6 +92,7 @@ void make_plan(bcp_line_plan &plan, const bcp_column *cols, size_t count) {
     if (cols[i].fixed) {
       bcp_line value;
       cols[i].fixed(value);
+      plan.fits = plan.fits && value.ok();
       plan.text.append(value.c_str(), value.size());
     } else {
       end_run();
@@ -108,6 +110,8 @@ bool bcp_build_line(bcp_line &line, bcp_line_plan &plan, const bcp_column *cols,
                     const void *ctx) {
   if (plan.generation != qz2fh_config_generation())
     make_plan(plan, cols, count);
+  if (!plan.fits)
+    return false;
   for (const bcp_line_plan::piece &p : plan.pieces) {
     if (p.column < 0)
       line.put(std::string_view(plan.text.data() + p.offset, p.length));

@@ -86,6 +86,7 @@ struct bcp_line_plan {
     int column;  // or a per-record column (run fields unused), -1 for a run
   };
   unsigned generation = 0;
+  bool fits = true;  // false when a fixed value alone overflows a line
   std::string text;
   std::vector<piece> pieces;
 };

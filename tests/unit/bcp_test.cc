@@ -100,6 +100,7 @@ TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
 
 void put_empty(bcp_line &) {}
 void put_fixed(bcp_line &l) { l.put("f"); }
+void put_huge(bcp_line &l) { l.put(std::string(5000, 'h')); }
 
 TEST(BcpLine, FieldsEndInTabsAndTheLastInALineFeed) {
   const bcp_column cols[] = {{{"K1", "E1", "C1"}, put_value},
@@ -137,6 +138,13 @@ TEST(BcpLine, LinesLongerThanTheBufferAreRefusedWhole) {
   const std::string one_more(2047, 'y');
   bcp_line longer;
   EXPECT_FALSE(bcp_build_line(longer, plan, cols, 2, one_more.c_str()));
+  // A value fixed for the run (a configuration value) that alone overflows
+  // refuses every line, rather than leaving its field empty.
+  const bcp_column with_fixed[] = {{{"K1", "E1", "C1"}, put_value},
+                                   {{"K2", "E2", "C2"}, put_huge}};
+  bcp_line_plan fixed_plan;
+  bcp_line refused;
+  EXPECT_FALSE(bcp_build_line(refused, fixed_plan, with_fixed, 2, "v"));
 }
 
 }  // namespace
