@@ -115,8 +115,12 @@ def parse_args():
         ap.error("--cycles and --accel must be at least 1")
     args.out = os.path.realpath(args.out or os.path.join(os.path.dirname(args.bin),
                                                          "demo-output"))
+    # The sandbox keeps the checkout and the binary's directory reachable;
+    # anything else under /tmp it replaces.
+    kept = [os.path.dirname(TOOLS_DIR), os.path.dirname(args.bin)]
     for path in (args.bin, args.out):
-        if path == "/tmp" or path.startswith("/tmp/"):
+        if ((path == "/tmp" or path.startswith("/tmp/"))
+                and not any(path == k or path.startswith(k + "/") for k in kept)):
             ap.error("%s is under /tmp, which the sandbox replaces" % path)
     return args
 
