@@ -13,6 +13,7 @@
 
 #include "config/config.h"
 #include "frame/command.h"
+#include "frame/eloop.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/text.h"
@@ -23,6 +24,7 @@ namespace {
 constexpr size_t STATUS_READ_MAX = 1023;
 constexpr size_t COMMAND_READ_MAX = 1023;
 constexpr size_t IFNAME_MAX = 15;
+constexpr int64_t ROUTE_RETRY_USEC = 1000000;
 
 }  // namespace
 
@@ -104,32 +106,58 @@ bool route_addr_parse(std::string_view output, char *addr, size_t size) {
   return true;
 }
 
-const char *qz2fh_get_route_ip() {
-  static char route_ip[1024];
-  static const char *found;
-  if (found)
-    return found;
+namespace {
 
+// Runs the two route pipelines; true with the address in route_ip.
+bool probe_route(char *route_ip, size_t size) {
   std::string out;
   if (command_read("route -n | head -n 3 | tail -n 1 | awk '{print $8}'", &out, COMMAND_READ_MAX) <
           0 ||
       out.empty())
-    return nullptr;
+    return false;
   char ifname[IFNAME_MAX + 1];
   if (!route_iface_parse(out, ifname, sizeof(ifname))) {
-    log_msg(DEBUG, "route: no usable interface name\n");
-    return nullptr;
+    log_msg_as("qz2fh_get_route_ip", DEBUG, "route: no usable interface name\n");
+    return false;
   }
   char cmd[1024];
   snprintf(cmd, sizeof(cmd), "ip add |awk '$1==\"inet\" && $NF~/^(%s)/{print $2}'", ifname);
   if (command_read(cmd, &out, COMMAND_READ_MAX) < 0 || out.empty())
-    return nullptr;
-  if (!route_addr_parse(out, route_ip, sizeof(route_ip))) {
-    log_msg(DEBUG, "route: no IPv4 address on %s\n", ifname);
-    return nullptr;
+    return false;
+  if (!route_addr_parse(out, route_ip, size)) {
+    log_msg_as("qz2fh_get_route_ip", DEBUG, "route: no IPv4 address on %s\n", ifname);
+    return false;
   }
-  found = route_ip;
-  return found;
+  return true;
+}
+
+}  // namespace
+
+const char *qz2fh_get_route_ip() {
+  static char route_ip[1024];
+  static const char *found;
+  static bool failed;
+  static int64_t failed_sec, failed_usec;
+  if (found)
+    return found;
+  // While no route exists (interfaces still coming up, a namespace without
+  // routes) every record would run both pipelines: a failure is remembered
+  // for a second.
+  int64_t sec, usec;
+  const bool clock_ok = eloop_now(&sec, &usec) == 0;
+  if (failed && clock_ok) {
+    const int64_t since = (sec - failed_sec) * 1000000 + (usec - failed_usec);
+    if (since >= 0 && since < ROUTE_RETRY_USEC)
+      return nullptr;
+  }
+  if (probe_route(route_ip, sizeof(route_ip))) {
+    found = route_ip;
+    return found;
+  }
+  failed = clock_ok;
+  failed_sec = sec;
+  failed_usec = usec;
+  return nullptr;
 }
 
 bool wifi_info_parse(const char *text, size_t len, wifi_info *info) {

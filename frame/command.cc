@@ -53,6 +53,7 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max) {
   bool exited = false;
   for (;;) {
     pollfd fds[FEED_MAX_SOURCES + 2];
+    int feeds[FEED_MAX_SOURCES];
     int n = 0;
 #ifdef QZ_COMMANDS_BLOCKING
     // Built only to measure what the queue saves: feeds wait in the kernel.
@@ -60,8 +61,14 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max) {
 #else
     const int sources = feed_queue_source_count();
 #endif
-    for (int i = 0; i < sources; i++)
-      fds[n++] = pollfd{feed_queue_source_fd(i), POLLIN, 0};
+    // A feed whose share is full is left to the kernel until room is made.
+    for (int i = 0; i < sources; i++) {
+      if (feed_queue_has_room(i)) {
+        feeds[n] = i;
+        fds[n++] = pollfd{feed_queue_source_fd(i), POLLIN, 0};
+      }
+    }
+    const int feed_slots = n;
     const int out_slot = out ? n : -1;
     if (out)
       fds[n++] = pollfd{out.get(), POLLIN, 0};
@@ -84,9 +91,9 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max) {
         continue;
       break;
     }
-    for (int i = 0; i < sources; i++)
+    for (int i = 0; i < feed_slots; i++)
       if (fds[i].revents & (POLLIN | POLLERR))
-        feed_queue_pull(i);
+        feed_queue_pull(feeds[i]);
     if (out_slot >= 0 && fds[out_slot].revents) {
       char buf[4096];
       ssize_t r = read(out.get(), buf, sizeof(buf));

@@ -143,6 +143,8 @@ int monotonic_now(int64_t *sec, int64_t *usec) {
 
 void eloop_set_clock(eloop_clock_fn fn) { loop_clock = fn ? fn : monotonic_now; }
 
+int eloop_now(int64_t *sec, int64_t *usec) { return loop_clock(sec, usec); }
+
 void eloop_set_after_handler(void (*hook)()) { after_handler = hook; }
 
 int eloop_init() {

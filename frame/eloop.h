@@ -61,3 +61,5 @@ void eloop_set_after_handler(void (*hook)());
 using eloop_clock_fn = int (*)(int64_t *sec, int64_t *usec);
 int monotonic_now(int64_t *sec, int64_t *usec);
 void eloop_set_clock(eloop_clock_fn fn);
+// Reads the loop clock (as replaced for tests).
+int eloop_now(int64_t *sec, int64_t *usec);

@@ -1,132 +1,301 @@
 #include "frame/feed_queue.h"
 
-#include <sys/socket.h>
+#include <poll.h>
+#include <sys/mman.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <vector>
+
+#include "frame/log.h"
 
 namespace {
 
-struct feed_source {
-  int fd;
-  size_t max_len;
-  feed_process_fn process;
-  feed_error_fn fail;
-};
+// The queue lives in fixed chunks mapped while input waits and unmapped as
+// soon as they are handled: nothing is copied to grow it, and an idle
+// daemon holds none.
+constexpr size_t CHUNK_BYTES = 64 * 1024;
 
-// Each entry is a 4-byte header (source index, kind, length) and its bytes:
-// a message, or the errno of a failed receive.
+struct feed_chunk {
+  feed_chunk *next;
+  uint32_t head;  // first unhandled entry
+  uint32_t tail;  // end of the entries
+};
+constexpr size_t CHUNK_DATA_OFFSET = 64;  // entries start here, aligned
+static_assert(sizeof(feed_chunk) <= CHUNK_DATA_OFFSET, "chunk header fits");
+constexpr size_t CHUNK_DATA = CHUNK_BYTES - CHUNK_DATA_OFFSET;
+
+// An entry is a 4-byte header (kind, unused, length) and its bytes: a
+// message, or the result and errno of a failed receive. Entries start at
+// multiples of 4.
 constexpr size_t HEADER_SIZE = 4;
-enum : uint8_t { ENTRY_MESSAGE, ENTRY_ERROR };
-// Largest message any source may take; bounds the copy made while handling.
-constexpr size_t MAX_MESSAGE = 4096;
-// Messages handled from the queue between two looks at the sockets.
-constexpr unsigned PULL_EVERY = 4;
-// Capacity kept after a drain; a burst's larger buffer is given back.
-constexpr size_t KEEP_CAPACITY = 64 * 1024;
+enum : uint8_t { ENTRY_MESSAGE, ENTRY_FAILURE };
+constexpr size_t FAILURE_SIZE = 2 * sizeof(int32_t);
+
+// While a backlog is handled: after every DRAIN_PULL_EVERY messages handled,
+// each feed may read up to DRAIN_PULL_MAX more, so that its kernel queue
+// keeps draining while the backlog shrinks (two feeds read 6 per 8 handled).
+constexpr unsigned DRAIN_PULL_EVERY = 8;
+constexpr unsigned DRAIN_PULL_MAX = 3;
+constexpr unsigned PULL_ALL = ~0u;
+
+struct feed_source {
+  feed_source_spec spec;
+  feed_chunk *first;
+  feed_chunk *last;
+  size_t bytes;  // of queued entries, headers included
+  feed_counters counters;
+  uint64_t reported_deferred;
+  uint64_t reported_overruns;
+};
 
 feed_source sources[FEED_MAX_SOURCES];
 int source_count;
-std::vector<uint8_t> queue;
-size_t head;
-size_t dropped;
 bool draining;
 
-}  // namespace
+size_t entry_size(size_t len) { return (HEADER_SIZE + len + 3) & ~static_cast<size_t>(3); }
 
-int feed_queue_add_source(int fd, size_t max_len, feed_process_fn process, feed_error_fn fail) {
-  if (source_count >= FEED_MAX_SOURCES || max_len > MAX_MESSAGE)
-    return -1;
-  sources[source_count++] = feed_source{fd, max_len, process, fail};
-  return 0;
+uint8_t *chunk_data(feed_chunk *c) { return reinterpret_cast<uint8_t *>(c) + CHUNK_DATA_OFFSET; }
+
+feed_chunk *chunk_new() {
+  void *p = mmap(nullptr, CHUNK_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED)
+    return nullptr;
+  auto *c = static_cast<feed_chunk *>(p);
+  c->next = nullptr;
+  c->head = 0;
+  c->tail = 0;
+  return c;
 }
 
-namespace {
+void chunk_free(feed_chunk *c) { munmap(c, CHUNK_BYTES); }
 
-// Appends an entry, or counts it as dropped when the queue is full.
-void push(int index, uint8_t kind, const void *data, size_t len) {
-  if (queue.size() - head + HEADER_SIZE + len > FEED_QUEUE_MAX_BYTES) {
-    dropped++;
-    return;
+void free_chunks(feed_source &s) {
+  while (s.first) {
+    feed_chunk *next = s.first->next;
+    chunk_free(s.first);
+    s.first = next;
   }
-  const uint8_t header[HEADER_SIZE] = {static_cast<uint8_t>(index), kind,
-                                       static_cast<uint8_t>(len & 0xff),
-                                       static_cast<uint8_t>(len >> 8)};
-  const auto *bytes = static_cast<const uint8_t *>(data);
-  queue.insert(queue.end(), header, header + HEADER_SIZE);
-  queue.insert(queue.end(), bytes, bytes + len);
+  s.last = nullptr;
+}
+
+bool has_room(const feed_source &s) {
+  return s.bytes + entry_size(s.spec.max_len) <= FEED_SHARE_BYTES;
+}
+
+// Where the next entry of up to len bytes goes, mapping a chunk if needed;
+// null when no memory is left.
+uint8_t *reserve(feed_source &s, size_t len) {
+  if (!s.last || CHUNK_DATA - s.last->tail < entry_size(len)) {
+    feed_chunk *c = chunk_new();
+    if (!c)
+      return nullptr;
+    if (s.last)
+      s.last->next = c;
+    else
+      s.first = c;
+    s.last = c;
+  }
+  return chunk_data(s.last) + s.last->tail;
+}
+
+// Completes the entry reserve() placed, with len bytes already written.
+void commit(feed_source &s, uint8_t kind, size_t len) {
+  uint8_t *e = chunk_data(s.last) + s.last->tail;
+  e[0] = kind;
+  e[1] = 0;
+  e[2] = static_cast<uint8_t>(len & 0xff);
+  e[3] = static_cast<uint8_t>(len >> 8);
+  const size_t size = entry_size(len);
+  s.last->tail += static_cast<uint32_t>(size);
+  s.bytes += size;
+  if (s.bytes > s.counters.queue_peak_bytes)
+    s.counters.queue_peak_bytes = s.bytes;
+}
+
+bool readable(int fd) {
+  pollfd p = {fd, POLLIN, 0};
+  return poll(&p, 1, 0) > 0 && (p.revents & POLLIN);
+}
+
+void count_failure(feed_source &s, int err) {
+  if (err == ENOBUFS)
+    s.counters.overruns++;
+}
+
+void report_failure(feed_source &s, int ret, int err) {
+  if (s.spec.fail)
+    s.spec.fail(ret, s.spec.fd, err);
+}
+
+// Reads up to limit messages into the feed's free room.
+void pull(feed_source &s, unsigned limit) {
+  for (unsigned k = 0; k < limit;) {
+    if (!has_room(s)) {
+      if (readable(s.spec.fd))
+        s.counters.deferred++;
+      break;
+    }
+    uint8_t *slot = reserve(s, s.spec.max_len);
+    if (!slot) {
+      s.counters.deferred++;
+      break;
+    }
+    const ssize_t n = s.spec.receive(s.spec.fd, slot + HEADER_SIZE, s.spec.max_len);
+    const int err = errno;
+    if (n < 0 && err == EINTR)
+      continue;
+    if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))
+      break;
+    if (n < 0 || (n == 0 && s.spec.empty_is_failure)) {
+      // A failure the receive consumed (a netlink overrun is reported once)
+      // is reported in its turn.
+      count_failure(s, err);
+      const int32_t failure[2] = {static_cast<int32_t>(n), err};
+      memcpy(slot + HEADER_SIZE, failure, sizeof(failure));
+      commit(s, ENTRY_FAILURE, FAILURE_SIZE);
+      break;
+    }
+    s.counters.received++;
+    commit(s, ENTRY_MESSAGE, static_cast<size_t>(n));
+    k++;
+  }
+  if (s.bytes == 0)
+    free_chunks(s);  // a chunk mapped for a receive that found nothing
+}
+
+// Handles the feed's oldest entry. The entry stays where it is while it is
+// handled: a command run meanwhile only appends.
+void handle_first(feed_source &s) {
+  feed_chunk *c = s.first;
+  const uint8_t *e = chunk_data(c) + c->head;
+  const size_t len = e[2] | (static_cast<size_t>(e[3]) << 8);
+  if (e[0] == ENTRY_MESSAGE) {
+    s.counters.handled++;
+    s.spec.process(e + HEADER_SIZE, len);
+  } else {
+    int32_t failure[2];
+    memcpy(failure, e + HEADER_SIZE, sizeof(failure));
+    report_failure(s, failure[0], failure[1]);
+  }
+  const size_t size = entry_size(len);
+  c->head += static_cast<uint32_t>(size);
+  s.bytes -= size;
+  if (c->head == c->tail) {
+    s.first = c->next;
+    if (!s.first)
+      s.last = nullptr;
+    chunk_free(c);
+  }
+  if (s.bytes == 0)
+    free_chunks(s);  // an empty chunk mapped for a receive that found nothing
 }
 
 }  // namespace
+
+int feed_queue_add_source(const feed_source_spec &spec) {
+  if (source_count >= FEED_MAX_SOURCES || spec.max_len > FEED_MESSAGE_MAX || !spec.receive ||
+      !spec.process)
+    return -1;
+  sources[source_count] = feed_source{};
+  sources[source_count].spec = spec;
+  return source_count++;
+}
 
 int feed_queue_source_count() { return source_count; }
 
-int feed_queue_source_fd(int index) { return sources[index].fd; }
+int feed_queue_source_fd(int index) { return sources[index].spec.fd; }
 
-void feed_queue_pull(int index) {
-  const feed_source &src = sources[index];
-  uint8_t buf[MAX_MESSAGE];
-  for (;;) {
-    ssize_t n = recv(src.fd, buf, src.max_len, MSG_DONTWAIT);
-    if (n < 0) {
-      const int err = errno;
-      if (err == EINTR)
-        continue;
-      if (err != EAGAIN && err != EWOULDBLOCK)
-        push(index, ENTRY_ERROR, &err, sizeof(err));
+const char *feed_queue_source_name(int index) { return sources[index].spec.name; }
+
+const feed_counters &feed_queue_counters(int index) { return sources[index].counters; }
+
+void feed_queue_serve(int index) {
+  feed_source &s = sources[index];
+  uint8_t buf[FEED_MESSAGE_MAX];
+  // Several messages per wake-up: one select per message would cost more
+  // than handling it.
+  for (int i = 0; i < FEED_BATCH; i++) {
+    // Readiness may be stale: a command run by an earlier handler of this
+    // pass may have moved the message into the queue already.
+    const ssize_t n = s.spec.receive(s.spec.fd, buf, s.spec.max_len);
+    const int err = errno;
+    if (n < 0 && err == EINTR)
+      continue;
+    if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))
+      return;
+    if (n < 0 || (n == 0 && s.spec.empty_is_failure)) {
+      count_failure(s, err);
+      report_failure(s, static_cast<int>(n), err);
       return;
     }
-    push(index, ENTRY_MESSAGE, buf, static_cast<size_t>(n));
+    s.counters.received++;
+    s.counters.handled++;
+    s.spec.process(buf, static_cast<size_t>(n));
+    // Input queued by a command run meanwhile is older: it goes first.
+    if (!feed_queue_empty())
+      return;
   }
 }
+
+bool feed_queue_has_room(int index) { return has_room(sources[index]); }
+
+void feed_queue_pull(int index) { pull(sources[index], PULL_ALL); }
 
 void feed_queue_drain() {
   if (draining)
     return;
   draining = true;
-  uint8_t msg[MAX_MESSAGE];
-  // Handling a message may run a command that queues more: read the queue
-  // afresh each time and copy the message out before handling it. While a
-  // long backlog is handled, what the kernel holds meanwhile is moved in
-  // behind it, so that its small queues never fill.
-  unsigned handled = 0;
-  while (head < queue.size()) {
-    if (++handled % PULL_EVERY == 0)
-      for (int i = 0; i < source_count; i++)
-        feed_queue_pull(i);
-    const int index = queue[head];
-    const uint8_t kind = queue[head + 1];
-    const size_t len = queue[head + 2] | (static_cast<size_t>(queue[head + 3]) << 8);
-    memcpy(msg, queue.data() + head + HEADER_SIZE, len);
-    head += HEADER_SIZE + len;
-    const feed_source &src = sources[index];
-    if (kind == ENTRY_MESSAGE) {
-      src.process(msg, len);
-    } else if (src.fail) {
-      int err;
-      memcpy(&err, msg, sizeof(err));
-      src.fail(src.fd, err);
+  unsigned since_pull = 0;
+  for (bool any = true; any;) {
+    any = false;
+    // One message from each feed in turn: a flood on one feed does not
+    // hold up the other.
+    for (int i = 0; i < source_count; i++) {
+      if (sources[i].bytes == 0)
+        continue;
+      any = true;
+      handle_first(sources[i]);
+      if (++since_pull == DRAIN_PULL_EVERY) {
+        since_pull = 0;
+        for (int j = 0; j < source_count; j++)
+          pull(sources[j], DRAIN_PULL_MAX);
+      }
     }
   }
-  queue.clear();
-  head = 0;
-  if (queue.capacity() > KEEP_CAPACITY)
-    std::vector<uint8_t>().swap(queue);
   draining = false;
 }
 
-bool feed_queue_empty() { return head >= queue.size(); }
+bool feed_queue_empty() {
+  for (int i = 0; i < source_count; i++)
+    if (sources[i].bytes != 0)
+      return false;
+  return true;
+}
 
-size_t feed_queue_take_dropped() {
-  size_t n = dropped;
-  dropped = 0;
-  return n;
+void feed_queue_report() {
+  char text[512];
+  size_t n = 0;
+  bool behind = false;
+  for (int i = 0; i < source_count && n < sizeof(text); i++) {
+    feed_source &s = sources[i];
+    const unsigned long long deferred = s.counters.deferred - s.reported_deferred;
+    const unsigned long long overruns = s.counters.overruns - s.reported_overruns;
+    behind = behind || deferred != 0 || overruns != 0;
+    s.reported_deferred = s.counters.deferred;
+    s.reported_overruns = s.counters.overruns;
+    const int w = snprintf(text + n, sizeof(text) - n, "%s%s %llu deferred, %llu overruns",
+                           i ? "; " : "", s.spec.name, deferred, overruns);
+    if (w > 0)
+      n += static_cast<size_t>(w);
+  }
+  if (behind)
+    log_msg(WARN, "feeds behind since the last report: %s\n", text);
 }
 
 void feed_queue_reset() {
+  for (int i = 0; i < source_count; i++)
+    free_chunks(sources[i]);
   source_count = 0;
-  std::vector<uint8_t>().swap(queue);
-  head = 0;
-  dropped = 0;
   draining = false;
 }

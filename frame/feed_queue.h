@@ -1,38 +1,77 @@
-// Holds input that arrives on the feed sockets while a shell command runs,
-// so that no event is lost to the kernel's small socket queues. Queued
-// events are handled, in arrival order, once control is back in the loop.
+// The daemon's input feeds (sockets read by the loop) and the bounded queue
+// that holds their input while a shell command runs or a backlog is being
+// handled. Each feed has its own fixed share of the queue: a feed whose
+// share is full is not read, so its input waits in the kernel (a blocking
+// sender waits, a non-blocking one is told its send failed), and nothing
+// that was read is ever dropped.
 #pragma once
 
 #include <sys/types.h>
 #include <cstddef>
 #include <cstdint>
 
-// Payload bytes (plus a 4-byte header each) the queue may hold; beyond it
-// events are read and dropped, and counted.
-constexpr size_t FEED_QUEUE_MAX_BYTES = 2 * 1024 * 1024;
+// Queue bytes each feed may hold (messages plus 4 bytes each); the queue's
+// whole bound is this times the number of feeds.
+constexpr size_t FEED_SHARE_BYTES = 512 * 1024;
 constexpr int FEED_MAX_SOURCES = 4;
+// Largest message a feed may take.
+constexpr size_t FEED_MESSAGE_MAX = 4096;
 // Messages a feed's read callback takes from its socket per wake-up.
 constexpr int FEED_BATCH = 32;
 
-// Handles one received message; len is what recv returned (0 or more).
+// Receives one message without blocking into buf (cap bytes): the result
+// and errno of recv(2).
+using feed_receive_fn = ssize_t (*)(int fd, uint8_t *buf, size_t cap);
+// Handles one received message; len is what the receive returned.
 using feed_process_fn = void (*)(const uint8_t *data, size_t len);
-// Reports a receive error (errno err) on the source's socket fd.
-using feed_error_fn = void (*)(int fd, int err);
+// Reports a failed receive: its result, the descriptor and errno.
+using feed_error_fn = void (*)(int ret, int fd, int err);
 
-// Registers a feed socket: while a command runs, messages of at most
-// max_len bytes are taken from fd and later given to process; receive
-// errors, which a read consumes (a netlink overrun is reported once), are
-// queued in their place and later given to fail. -1 when full.
-int feed_queue_add_source(int fd, size_t max_len, feed_process_fn process, feed_error_fn fail);
-// Number of sources and their descriptors, for the command runner's poll.
+struct feed_source_spec {
+  const char *name;  // for reports, e.g. "online_offline"
+  int fd;
+  size_t max_len;  // bytes asked of each receive, at most FEED_MESSAGE_MAX
+  // A receive of 0 bytes is a failure (netlink) rather than an empty message.
+  bool empty_is_failure;
+  feed_receive_fn receive;
+  feed_process_fn process;
+  feed_error_fn fail;  // may be null
+};
+
+// Counted since start.
+struct feed_counters {
+  uint64_t received;  // messages read from the socket
+  uint64_t handled;   // messages given to process
+  uint64_t deferred;  // times a full share left input in the kernel
+  uint64_t overruns;  // receives that failed with ENOBUFS (netlink)
+  size_t queue_peak_bytes;
+};
+
+// Registers a feed. Its index, or -1 when the table is full or max_len too
+// large.
+int feed_queue_add_source(const feed_source_spec &spec);
 int feed_queue_source_count();
 int feed_queue_source_fd(int index);
-// Reads every message waiting on source index into the queue (non-blocking).
+const char *feed_queue_source_name(int index);
+const feed_counters &feed_queue_counters(int index);
+
+// The read callback's work: takes up to FEED_BATCH messages from the socket
+// and handles each at once; stops early when a command run by a handler
+// queued input, which is older and goes first.
+void feed_queue_serve(int index);
+// True when the feed's share can take one more message of its largest size.
+bool feed_queue_has_room(int index);
+// Reads the feed's socket into the queue until it is empty or the share is
+// full (non-blocking). For the command runner.
 void feed_queue_pull(int index);
-// Handles the queued messages in arrival order. Safe against re-entry.
+// Handles the queued messages, one from each feed in turn. Meanwhile new
+// input is read only into free room and more slowly than it is handled, so
+// the backlog ends. Safe against re-entry.
 void feed_queue_drain();
 bool feed_queue_empty();
-// Messages dropped since the last call, because the queue was full.
-size_t feed_queue_take_dropped();
-// Forgets all sources and queued messages (tests).
+
+// Logs one WARN line when any feed deferred input or overran since the last
+// report, with the counts since then. Called by the 5-s tick.
+void feed_queue_report();
+// Forgets all feeds and queued messages (tests).
 void feed_queue_reset();

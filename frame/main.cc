@@ -25,6 +25,13 @@
 namespace {
 
 int lock_fd = -1;
+report_timer feed_report;
+
+// Every tick: a word in the log while the feeds are behind.
+void feed_report_timer(void *) {
+  feed_queue_report();
+  feed_report.countdown = REPORT_TICK_SECONDS;
+}
 
 const struct option long_options[] = {
     {"debug", required_argument, nullptr, 'D'},
@@ -91,6 +98,8 @@ int main(int argc, char *argv[]) {
   source_group_init();
   netbar_group_init();
   bjson_report_init();
+  report_timer_init(&feed_report, feed_report_timer, REPORT_TICK_SECONDS);
+  report_timer_add(&feed_report);
 
   eloop_run();
   eloop_destroy();

@@ -3,7 +3,6 @@
 #include <cstdio>
 
 #include "config/identity.h"
-#include "frame/feed_queue.h"
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/spool.h"
@@ -12,9 +11,6 @@ bcp_group netbar_group;
 
 void netbar_report_timer(void *) {
   group_archive_cycle(&netbar_group, true);
-  const size_t dropped = feed_queue_take_dropped();
-  if (dropped)
-    log_msg(WARN, "%zu feed events dropped while commands ran: queue full\n", dropped);
 }
 
 void netbar_group_init() {

@@ -195,29 +195,16 @@ void netlink_recv_failed(int ret, int sock, int err) {
              "stop waiting for kernel broadcast ...ret:%d,sock_fd:%d,errno:%d\n", ret, sock, err);
 }
 
-void netlink_queued_failure(int sock, int err) { netlink_recv_failed(-1, sock, err); }
-
-void netbar_netlink_recv_callback(int sock, void *, void *) {
-  // Several messages per wake-up, as for the online/offline feed.
-  for (int i = 0; i < FEED_BATCH; i++) {
-    uint8_t buf[NETLINK_MSG_MAX] = {};
-    sockaddr_nl from;
-    iovec iov = {buf, sizeof(buf)};
-    msghdr msg = one_buffer_msg(&from, &iov);
-    // Readiness may be stale: a command run by an earlier handler of this
-    // pass may have moved the message into the feed queue already.
-    ssize_t n = recvmsg(sock, &msg, MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-      return;
-    if (n <= 0) {
-      netlink_recv_failed(static_cast<int>(n), sock, errno);
-      return;
-    }
-    netbar_netlink_process(buf, static_cast<size_t>(n));
-    if (!feed_queue_empty())
-      return;
-  }
+ssize_t netlink_receive(int sock, uint8_t *buf, size_t cap) {
+  sockaddr_nl from;
+  iovec iov = {buf, cap};
+  msghdr msg = one_buffer_msg(&from, &iov);
+  return recvmsg(sock, &msg, MSG_DONTWAIT);
 }
+
+int netlink_feed = -1;
+
+void netbar_netlink_recv_callback(int, void *, void *) { feed_queue_serve(netlink_feed); }
 
 void netlink_send(int sock) {
   uint8_t reg[REGISTRATION_SIZE] = {};
@@ -261,7 +248,9 @@ int open_netlink_socket() {
     close(fd);
     return -1;
   }
-  feed_queue_add_source(fd, NETLINK_MSG_MAX, netbar_netlink_process, netlink_queued_failure);
+  netlink_feed = feed_queue_add_source(feed_source_spec{
+      "http", fd, NETLINK_MSG_MAX, true, netlink_receive, netbar_netlink_process,
+      netlink_recv_failed});
   return fd;
 }
 

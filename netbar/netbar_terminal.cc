@@ -234,35 +234,21 @@ int netbar_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_da
 namespace {
 
 // A failed read of the socket, from the callback or the feed queue.
-void shell_recv_failed(int, int) {
+void shell_recv_failed(int, int, int) {
   log_msg_as("netbar_recv_callback", ERROR, "read from domain fd failed");
 }
 
+ssize_t shell_receive(int sock, uint8_t *buf, size_t cap) {
+  sockaddr_un from;
+  socklen_t from_len = sizeof(from);
+  return recvfrom(sock, buf, cap, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &from_len);
+}
+
+int shell_feed = -1;
+
 }  // namespace
 
-void netbar_recv_callback(int sock, void *, void *) {
-  // Several datagrams per wake-up: one select per datagram would cost more
-  // than handling it.
-  for (int i = 0; i < FEED_BATCH; i++) {
-    uint8_t buf[NETBAR_SHELL_MSG_MAX];
-    sockaddr_un from;
-    socklen_t from_len = sizeof(from);
-    // Readiness may be stale: a command run by an earlier handler of this
-    // pass may have moved the datagram into the feed queue already.
-    ssize_t n = recvfrom(sock, buf, sizeof(buf), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
-                         &from_len);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-      return;
-    if (n < 0) {
-      shell_recv_failed(sock, errno);
-      return;
-    }
-    netbar_shell_process(buf, static_cast<size_t>(n));
-    // Input queued by a command run meanwhile is older: it goes first.
-    if (!feed_queue_empty())
-      return;
-  }
-}
+void netbar_recv_callback(int, void *, void *) { feed_queue_serve(shell_feed); }
 
 int netbar_create_unix_sock() {
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -347,7 +333,9 @@ void netbar_init_sock() {
     close(fd);
   } else {
     log_msg(DEBUG, "init shell fd success!\n");
-    feed_queue_add_source(fd, NETBAR_SHELL_MSG_MAX, netbar_shell_process, shell_recv_failed);
+    shell_feed = feed_queue_add_source(feed_source_spec{"online_offline", fd, NETBAR_SHELL_MSG_MAX,
+                                                        false, shell_receive, netbar_shell_process,
+                                                        shell_recv_failed});
   }
   bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
                    bcp_make_template(source_0001_columns, SOURCE_0001_STYLE),

@@ -60,7 +60,7 @@ TEST_F(BcpWriter, SequenceWrapsAndFailedOpenKeepsIt) {
   ds.bcp_sequence = 65535;
   ASSERT_EQ(system("rm -rf /tmp/150"), 0);
   debug_mode_on();
-  stdout_capture out;
+  output_capture out;
   EXPECT_EQ(bcp_dispatch(TEST_GROUP, 1, 0), 1);  // no spool directory: the line is lost
   EXPECT_NE(out.text().find("open file /tmp/150/150-350100-"), std::string::npos);
   EXPECT_EQ(ds.bcp_sequence, 65535);

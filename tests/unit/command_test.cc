@@ -1,17 +1,10 @@
 #include "frame/command.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <string>
-#include <thread>
-#include <vector>
-
-#include "frame/feed_queue.h"
 
 namespace {
 
@@ -27,96 +20,6 @@ TEST(Command, StatusAndOutputAsSystemAndPopen) {
   // A command that is not found is started all the same, as by popen.
   EXPECT_EQ(command_read("no_such_command_qz 2>/dev/null", &out, 100), 127 << 8);
   EXPECT_EQ(out, "");
-}
-
-std::vector<std::string> processed;
-void record(const uint8_t *data, size_t len) {
-  processed.emplace_back(reinterpret_cast<const char *>(data), len);
-}
-
-TEST(Command, FeedsAreQueuedWhileACommandRunsAndHandledInOrderLater) {
-  feed_queue_reset();
-  int fds[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
-  ASSERT_EQ(feed_queue_add_source(fds[0], 260, record, nullptr), 0);
-  // More than the kernel would queue for an unread datagram socket.
-  std::thread sender([&] {
-    for (int i = 0; i < 300; i++) {
-      std::string msg = "event " + std::to_string(i);
-      ASSERT_EQ(send(fds[1], msg.data(), msg.size(), 0), static_cast<ssize_t>(msg.size()));
-    }
-  });
-  EXPECT_EQ(command_system("sleep 0.5"), 0);
-  sender.join();
-  EXPECT_TRUE(processed.empty());  // nothing is handled while the command runs
-  // What arrives while the backlog is handled is taken in behind it.
-  for (int i = 300; i < 305; i++) {
-    std::string msg = "event " + std::to_string(i);
-    ASSERT_EQ(send(fds[1], msg.data(), msg.size(), 0), static_cast<ssize_t>(msg.size()));
-  }
-  feed_queue_drain();
-  ASSERT_EQ(processed.size(), 305u);
-  for (int i = 0; i < 305; i++)
-    EXPECT_EQ(processed[i], "event " + std::to_string(i));
-  EXPECT_EQ(feed_queue_take_dropped(), 0u);
-  close(fds[0]);
-  close(fds[1]);
-}
-
-TEST(Command, QueueBoundDropsAndCountsTheRest) {
-  feed_queue_reset();
-  processed.clear();
-  int fds[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
-  ASSERT_EQ(feed_queue_add_source(fds[0], 4000, record, nullptr), 0);
-  const int total = FEED_QUEUE_MAX_BYTES / 4000 + 100;
-  std::thread sender([&] {
-    std::string msg(4000, 'm');
-    for (int i = 0; i < total; i++)
-      ASSERT_EQ(send(fds[1], msg.data(), msg.size(), 0), 4000);
-  });
-  command_system("sleep 1");
-  sender.join();
-  feed_queue_pull(0);
-  feed_queue_drain();
-  const size_t dropped = feed_queue_take_dropped();
-  EXPECT_GT(dropped, 0u);
-  EXPECT_EQ(processed.size() + dropped, static_cast<size_t>(total));
-  EXPECT_EQ(feed_queue_take_dropped(), 0u);
-  close(fds[0]);
-  close(fds[1]);
-}
-
-std::vector<int> failures;
-void record_failure(int, int err) { failures.push_back(err); }
-
-// A receive error is consumed by the read that sees it (as a netlink
-// overrun is): one seen while a command runs is reported in its turn.
-TEST(Command, ReceiveErrorsAreQueuedInTheirPlace) {
-  feed_queue_reset();
-  processed.clear();
-  // A UDP socket whose peer's port is closed: the refusal of one datagram
-  // is the next receive's error.
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr = {};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-  socklen_t alen = sizeof(addr);
-  ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &alen), 0);
-  addr.sin_port = 0;
-  int closed = socket(AF_INET, SOCK_DGRAM, 0);
-  ASSERT_EQ(bind(closed, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-  ASSERT_EQ(getsockname(closed, reinterpret_cast<sockaddr *>(&addr), &alen), 0);
-  close(closed);
-  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-  ASSERT_EQ(feed_queue_add_source(fd, 100, record, record_failure), 0);
-  ASSERT_EQ(send(fd, "x", 1, 0), 1);
-  EXPECT_EQ(command_system("sleep 0.2"), 0);
-  feed_queue_drain();
-  EXPECT_EQ(failures, std::vector<int>({ECONNREFUSED}));
-  EXPECT_TRUE(processed.empty());
-  close(fd);
 }
 
 }  // namespace

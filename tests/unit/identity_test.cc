@@ -6,6 +6,7 @@
 #include <string>
 
 #include "config/config.h"
+#include "frame/eloop.h"
 #include "tests/unit/test_support.h"
 
 namespace {
@@ -99,12 +100,27 @@ TEST(Identity, RouteOutputParsing) {
     EXPECT_FALSE(route_addr_parse(bad, addr, sizeof(addr))) << bad;
 }
 
-TEST(Identity, RouteIpRunsBothPipelinesUntilFoundThenKeepsIt) {
+int64_t fake_usec;
+int fake_clock(int64_t *sec, int64_t *usec) {
+  *sec = fake_usec / 1000000;
+  *usec = fake_usec % 1000000;
+  return 0;
+}
+
+TEST(Identity, RouteIpFailureIsRememberedForASecondSuccessForGood) {
   fake_runner run;
+  eloop_set_clock(fake_clock);
+  fake_usec = 5000000;
   run.answer("route -n", "");
-  EXPECT_EQ(qz2fh_get_route_ip(), nullptr);  // nothing found, not remembered
+  EXPECT_EQ(qz2fh_get_route_ip(), nullptr);
+  ASSERT_EQ(run.commands.size(), 1u);
   run.answer("route -n", "qzr0\n");
   run.answer("ip add", "10.77.0.2/24\n");
+  // Within the second after a failure: "not found" without a command.
+  fake_usec += 999999;
+  EXPECT_EQ(qz2fh_get_route_ip(), nullptr);
+  EXPECT_EQ(run.commands.size(), 1u);
+  fake_usec += 1;
   const char *ip = qz2fh_get_route_ip();
   ASSERT_NE(ip, nullptr);
   EXPECT_STREQ(ip, "10.77.0.2");
@@ -112,8 +128,10 @@ TEST(Identity, RouteIpRunsBothPipelinesUntilFoundThenKeepsIt) {
   EXPECT_EQ(run.commands[1], "route -n | head -n 3 | tail -n 1 | awk '{print $8}'");
   EXPECT_EQ(run.commands[2], "ip add |awk '$1==\"inet\" && $NF~/^(qzr0)/{print $2}'");
   run.answer("ip add", "10.9.9.9/24\n");
+  fake_usec += 10000000;
   EXPECT_STREQ(qz2fh_get_route_ip(), "10.77.0.2");
   EXPECT_EQ(run.commands.size(), 3u);
+  eloop_set_clock(nullptr);
 }
 
 }  // namespace

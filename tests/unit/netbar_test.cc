@@ -185,7 +185,7 @@ TEST_F(NetbarFeeds, HttpEventRecord) {
   debug_mode_on();
   std::string text;
   {
-    stdout_capture out;
+    output_capture out;
     const uint8_t other[6] = {0, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
     const std::string m2 = http_msg(other);
     netbar_netlink_process(reinterpret_cast<const uint8_t *>(m2.data()), m2.size());

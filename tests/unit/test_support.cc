@@ -105,23 +105,23 @@ std::vector<std::string> list_dir(const std::string &dir) {
   return names;
 }
 
-stdout_capture::stdout_capture() {
-  fflush(stdout);
+output_capture::output_capture(int fd) : fd_(fd) {
+  fflush(nullptr);
   static int counter;
-  path_ = "/tmp/stdout_capture_" + std::to_string(counter++);
-  int fd = open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-  saved_ = dup(STDOUT_FILENO);
-  dup2(fd, STDOUT_FILENO);
-  close(fd);
+  path_ = "/tmp/output_capture_" + std::to_string(counter++);
+  int file = open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+  saved_ = dup(fd_);
+  dup2(file, fd_);
+  close(file);
 }
 
-stdout_capture::~stdout_capture() {
-  fflush(stdout);
-  dup2(saved_, STDOUT_FILENO);
+output_capture::~output_capture() {
+  fflush(nullptr);
+  dup2(saved_, fd_);
   close(saved_);
 }
 
-std::string stdout_capture::text() {
-  fflush(stdout);
+std::string output_capture::text() {
+  fflush(nullptr);
   return read_file(path_);
 }

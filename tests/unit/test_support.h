@@ -46,14 +46,16 @@ std::string read_file(const std::string &path);
 void load_test_config(const std::vector<std::pair<std::string, std::string>> &overrides = {});
 // Names in a directory, sorted.
 std::vector<std::string> list_dir(const std::string &dir);
-// Captures what the daemon writes to stdout while alive.
-class stdout_capture {
+// Captures what the daemon writes to stdout (or another descriptor) while
+// alive.
+class output_capture {
  public:
-  stdout_capture();
-  ~stdout_capture();
+  explicit output_capture(int fd = 1);
+  ~output_capture();
   std::string text();
 
  private:
+  int fd_;
   int saved_ = -1;
   std::string path_;
 };
