@@ -4,17 +4,24 @@
 //   feed_sender pairs N        online i, offline i, for i < N
 //   feed_sender online N [FIRST]
 //   feed_sender http N PID
-// Terminal i has MAC 02:00:xx:xx:xx:xx (i in the last four bytes).
+//   feed_sender flood N T [RATE]   N online datagrams for T terminals
+// Terminal i has MAC 02:00:xx:xx:xx:xx (i in the last four bytes). A flood
+// datagram k is for terminal k % T and carries k in its address
+// 10.x.y.z; with RATE it is sent without blocking, paced at RATE per
+// second, and a refused send is counted and not repeated ("taken N refused
+// M" on standard output).
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 namespace {
@@ -41,11 +48,51 @@ void shell(int fd, const sockaddr_un &to, uint32_t cmd, const std::string &text)
   send_all(fd, reinterpret_cast<const sockaddr *>(&to), sizeof(to), buf, 4 + n);
 }
 
+double now_seconds() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+int flood(int fd, const sockaddr_un &to, unsigned n, unsigned terminals, double rate) {
+  unsigned long taken = 0, refused = 0;
+  const double start = now_seconds();
+  for (unsigned k = 0; k < n; k++) {
+    if (rate > 0) {
+      // Paced: wait until datagram k is due (bursts of whatever is due).
+      while (now_seconds() - start < k / rate) {
+      }
+    }
+    char ip[32];
+    snprintf(ip, sizeof(ip), "10.%u.%u.%u", (k >> 16) & 255, (k >> 8) & 255, k & 255);
+    const std::string text = mac_of(k % (terminals ? terminals : 1)) + " " + ip + " 1";
+    char buf[260];
+    const uint32_t cmd = 3;
+    memcpy(buf, &cmd, 4);
+    memcpy(buf + 4, text.c_str(), text.size() + 1);
+    const size_t len = 4 + text.size() + 1;
+    if (rate > 0) {
+      if (sendto(fd, buf, len, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to), sizeof(to)) ==
+          static_cast<ssize_t>(len))
+        taken++;
+      else if (errno == EAGAIN || errno == EWOULDBLOCK)
+        refused++;
+      else
+        perror("sendto");
+    } else {
+      send_all(fd, reinterpret_cast<const sockaddr *>(&to), sizeof(to), buf, len);
+      taken++;
+    }
+  }
+  printf("taken %lu refused %lu\n", taken, refused);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   if (argc < 3) {
-    fprintf(stderr, "usage: feed_sender pairs|online|http N [FIRST|PID]\n");
+    fprintf(stderr, "usage: feed_sender pairs|online|http|flood N [FIRST|PID|T [RATE]]\n");
     return 2;
   }
   const std::string mode = argv[1];
@@ -75,6 +122,9 @@ int main(int argc, char **argv) {
     return 0;
   }
   strcpy(to.sun_path, "/tmp/qz_hk_audit_srv");
+  if (mode == "flood")
+    return flood(fd, to, n, argc > 3 ? static_cast<unsigned>(strtoul(argv[3], nullptr, 10)) : 1,
+                 argc > 4 ? strtod(argv[4], nullptr) : 0);
   const unsigned first = argc > 3 ? static_cast<unsigned>(strtoul(argv[3], nullptr, 10)) : 0;
   for (unsigned i = first; i < first + n; i++) {
     char ip[32];

@@ -1,6 +1,5 @@
 #include "frame/feed_queue.h"
 
-#include <poll.h>
 #include <sys/mman.h>
 
 #include <cerrno>
@@ -44,6 +43,9 @@ struct feed_source {
   feed_chunk *first;
   feed_chunk *last;
   size_t bytes;  // of queued entries, headers included
+  // Reading stopped at a full share: the next receive tells whether input
+  // was left in the kernel meanwhile.
+  bool stopped_full;
   feed_counters counters;
   uint64_t reported_deferred;
   uint64_t reported_overruns;
@@ -113,9 +115,14 @@ void commit(feed_source &s, uint8_t kind, size_t len) {
     s.counters.queue_peak_bytes = s.bytes;
 }
 
-bool readable(int fd) {
-  pollfd p = {fd, POLLIN, 0};
-  return poll(&p, 1, 0) > 0 && (p.revents & POLLIN);
+// Called with the result of each receive: counts a deferral when reading
+// had stopped at a full share and input has waited in the kernel since.
+void note_receive(feed_source &s, ssize_t n) {
+  if (s.stopped_full) {
+    s.stopped_full = false;
+    if (n >= 0)
+      s.counters.deferred++;
+  }
 }
 
 void count_failure(feed_source &s, int err) {
@@ -131,18 +138,14 @@ void report_failure(feed_source &s, int ret, int err) {
 // Reads up to limit messages into the feed's free room.
 void pull(feed_source &s, unsigned limit) {
   for (unsigned k = 0; k < limit;) {
-    if (!has_room(s)) {
-      if (readable(s.spec.fd))
-        s.counters.deferred++;
-      break;
-    }
-    uint8_t *slot = reserve(s, s.spec.max_len);
+    uint8_t *slot = has_room(s) ? reserve(s, s.spec.max_len) : nullptr;
     if (!slot) {
-      s.counters.deferred++;
+      s.stopped_full = true;
       break;
     }
     const ssize_t n = s.spec.receive(s.spec.fd, slot + HEADER_SIZE, s.spec.max_len);
     const int err = errno;
+    note_receive(s, n);
     if (n < 0 && err == EINTR)
       continue;
     if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))
@@ -220,6 +223,7 @@ void feed_queue_serve(int index) {
     // pass may have moved the message into the queue already.
     const ssize_t n = s.spec.receive(s.spec.fd, buf, s.spec.max_len);
     const int err = errno;
+    note_receive(s, n);
     if (n < 0 && err == EINTR)
       continue;
     if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))

@@ -143,6 +143,29 @@ def read_zip_records(path):
     return shell, http
 
 
+def flood_ip(k):
+    """Terminal address that carries datagram number k of a flood."""
+    return "10.%d.%d.%d" % ((k >> 16) & 255, (k >> 8) & 255, k & 255)
+
+
+def flood_number(line):
+    """Datagram number of a WA_SOURCE_FJ_0001 line of a flood: its address
+    column holds the address's bytes read little-endian."""
+    ip = int(line.split("\t")[12])
+    return ((ip >> 8) & 255) << 16 | ((ip >> 16) & 255) << 8 | ip >> 24
+
+
+def read_flood_numbers(path):
+    """Datagram numbers of the WA_SOURCE_FJ_0001 records in a zip."""
+    numbers = []
+    with zipfile.ZipFile(path) as z:
+        for name in z.namelist():
+            if "WA_SOURCE_FJ_0001" in name:
+                numbers += [flood_number(line) for line in
+                            io.TextIOWrapper(z.open(name), encoding="utf-8", newline="\n")]
+    return numbers
+
+
 def account(sent, received):
     """Checks exactly-once delivery; returns (lost, duplicates, missing) where
     missing is the list of sent events not received, in send order."""
