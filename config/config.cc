@@ -3,6 +3,7 @@
 #include <jansson.h>
 
 #include <cstring>
+#include <string>
 
 #include "frame/log.h"
 #include "frame/paths.h"
@@ -62,6 +63,7 @@ constexpr config_attr config_attrs[CFG_KEY_COUNT] = {
 };
 
 const char *config_values[CFG_KEY_COUNT];
+const char *unsent_dir;  // optional: null when absent or empty
 json_t *config_doc;
 unsigned config_generation;
 
@@ -109,6 +111,61 @@ const char *config_get_string(json_t *doc, const config_attr &attr) {
   return text;
 }
 
+constexpr char UNSENT_DIR_KEY[] = "fh_unsent_dir";
+constexpr size_t UNSENT_DIR_MAX = 128;
+
+// The directory is created and written by the daemon and named in the
+// README as the place for unsent files, so it must be a plain absolute
+// path that cannot reach above itself or into the spool directories,
+// which are emptied at every cycle.
+bool unsent_dir_ok(const char *s, size_t len) {
+  if (len == 0 || len > UNSENT_DIR_MAX || s[0] != '/' || strstr(s, "..") != nullptr)
+    return false;
+  for (size_t i = 0; i < len; i++) {
+    const char c = s[i];
+    if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '/' ||
+          c == '_' || c == '-' || c == '.'))
+      return false;
+  }
+  std::string path(s, len);
+  while (path.size() > 1 && path.back() == '/')
+    path.pop_back();
+  if (path == "/tmp")
+    return false;
+  for (const char *spool : {"/tmp/144", "/tmp/145", "/tmp/146"}) {
+    const size_t n = strlen(spool);
+    if (path.compare(0, n, spool) == 0 && (path.size() == n || path[n] == '/'))
+      return false;
+  }
+  return true;
+}
+
+// Absent and "" both mean no durable mode; any other value must be usable.
+bool read_unsent_dir(json_t *doc, const char **out) {
+  json_t *value = json_object_get(doc, UNSENT_DIR_KEY);
+  *out = nullptr;
+  if (!value)
+    return true;
+  const char *text = json_string_value(value);
+  if (!text) {
+    log_msg_as("qz2fh_config_init", ERROR, "%s is not a string, refused", UNSENT_DIR_KEY);
+    return false;
+  }
+  const size_t len = json_string_length(value);
+  if (len == 0)
+    return true;
+  if (strlen(text) != len || !unsent_dir_ok(text, len)) {
+    log_msg_as("qz2fh_config_init", ERROR,
+               "%s must be an absolute path of letters, digits, \"/\", \"_\", \"-\" and \".\", "
+               "without \"..\", at most %d characters, outside /tmp/144, /tmp/145 and /tmp/146, "
+               "refused",
+               UNSENT_DIR_KEY, static_cast<int>(UNSENT_DIR_MAX));
+    return false;
+  }
+  *out = text;
+  return true;
+}
+
 }  // namespace
 
 int qz2fh_config_load(const char *path) {
@@ -129,10 +186,16 @@ int qz2fh_config_load(const char *path) {
       return 1;
     }
   }
+  const char *unsent = nullptr;
+  if (!read_unsent_dir(doc, &unsent)) {
+    json_decref(doc);
+    return 1;
+  }
   // Only a complete load replaces what the getters return.
   json_decref(config_doc);
   config_doc = doc;
   memcpy(config_values, values, sizeof(values));
+  unsent_dir = unsent;
   config_generation++;
   return 0;
 }
@@ -158,6 +221,8 @@ const char *qz2fh_get_ftp_ip() { return config_values[CFG_FTP_IP]; }
 const char *qz2fh_get_ftp_port() { return config_values[CFG_FTP_PORT]; }
 const char *qz2fh_get_ftp_username() { return config_values[CFG_FTP_USERNAME]; }
 const char *qz2fh_get_ftp_password() { return config_values[CFG_FTP_PASSWORD]; }
+
+const char *qz2fh_get_unsent_dir() { return unsent_dir; }
 
 const char *qz2fh_get_org_code() { return "507183926"; }
 int qz2fh_get_equipment_type() { return 1; }

@@ -1,6 +1,6 @@
-// The daemon's settings: seventeen text values from /etc/qz_fh_audit.json,
-// read once at start-up and kept for the life of the process, and three
-// built-in constants.
+// The daemon's settings: seventeen text values (and one optional one) from
+// /etc/qz_fh_audit.json, read once at start-up and kept for the life of the
+// process, and three built-in constants.
 #pragma once
 
 // Loads the file. 0 when every key was read, 1 otherwise (logged).
@@ -31,6 +31,9 @@ const char *qz2fh_get_ftp_ip();
 const char *qz2fh_get_ftp_port();
 const char *qz2fh_get_ftp_username();
 const char *qz2fh_get_ftp_password();
+// The optional "fh_unsent_dir": where unsent files are kept (durable mode),
+// or null when the key is absent or empty.
+const char *qz2fh_get_unsent_dir();
 
 const char *qz2fh_get_org_code();
 int qz2fh_get_equipment_type();

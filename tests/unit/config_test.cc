@@ -44,7 +44,16 @@ INSTANTIATE_TEST_SUITE_P(
             "newline_in_value", {{"fh_address", "\"a\\nb\""}}, "fh_address holds a control"},
         config_case{"nul_in_value", {{"fh_org_mail", "\"a\\u0000b\""}}, "ERROR:load file:"},
         config_case{"slash_in_source", {{"fh_source_str", "\"../x\""}}, "fh_source_str is part of"},
-        config_case{"blank_in_dst", {{"fh_dst_str", "\"35 00\""}}, "fh_dst_str is part of"}),
+        config_case{"blank_in_dst", {{"fh_dst_str", "\"35 00\""}}, "fh_dst_str is part of"},
+        config_case{"unsent_dir_number", {{"fh_unsent_dir", "5"}}, "fh_unsent_dir is not a str"},
+        config_case{"unsent_dir_relative", {{"fh_unsent_dir", "\"keep\""}}, "fh_unsent_dir must"},
+        config_case{"unsent_dir_up", {{"fh_unsent_dir", "\"/var/../etc\""}}, "fh_unsent_dir must"},
+        config_case{"unsent_dir_blank", {{"fh_unsent_dir", "\"/a b\""}}, "fh_unsent_dir must"},
+        config_case{"unsent_dir_tmp", {{"fh_unsent_dir", "\"/tmp/\""}}, "fh_unsent_dir must"},
+        config_case{"unsent_dir_spool", {{"fh_unsent_dir", "\"/tmp/145/u\""}}, "fh_unsent_dir must"},
+        config_case{"unsent_dir_long",
+                    {{"fh_unsent_dir", "\"/" + std::string(128, 'u') + "\""}},
+                    "fh_unsent_dir must"}),
     [](const auto &test) { return std::string(test.param.name); });
 
 TEST(Config, UnreadableOrInvalidFile) {
@@ -81,6 +90,16 @@ TEST(Config, ValuesKeptByteForByteUnknownKeysIgnored) {
   EXPECT_STREQ(qz2fh_get_org_code(), "507183926");
   EXPECT_STREQ(qz2fh_get_contactor(), "maple");
   EXPECT_EQ(qz2fh_get_equipment_type(), 1);
+  EXPECT_EQ(qz2fh_get_unsent_dir(), nullptr);
+}
+
+TEST(Config, UnsentDirIsOptional) {
+  load_test_config({{"fh_unsent_dir", "\"\""}});
+  EXPECT_EQ(qz2fh_get_unsent_dir(), nullptr);
+  for (const char *dir : {"/tmp/qz_unsent", "/overlay/qz-unsent.d/", "/tmp/1450", "/tmp/14"}) {
+    load_test_config({{"fh_unsent_dir", std::string("\"") + dir + "\""}});
+    EXPECT_STREQ(qz2fh_get_unsent_dir(), dir);
+  }
 }
 
 }  // namespace
