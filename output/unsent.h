@@ -1,0 +1,43 @@
+// Durable mode's store of files that could not be uploaded: each group's
+// are kept under <fh_unsent_dir>/<group id>/ with their own names, so that
+// a later upload delivers exactly the file the platform missed. Nothing
+// here is used unless the configuration names the directory.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// At most this many files and bytes are kept per group; beyond them the
+// oldest files are deleted.
+constexpr size_t UNSENT_MAX_FILES = 64;
+constexpr uint64_t UNSENT_MAX_BYTES = 16 * 1024 * 1024;
+
+// True when "fh_unsent_dir" is set.
+bool unsent_enabled();
+
+// The group's directory, "<fh_unsent_dir>/<id>" (no slash at the end).
+std::string unsent_dir_of(uint32_t id);
+
+// Moves the file at path into the group's directory under its own name
+// (across file systems by copy, made whole before it gets its name), then
+// deletes the oldest kept files beyond the bounds, each with a WARN line.
+// 0, or -1 when the file could not be kept (logged; the file stays).
+int unsent_keep(uint32_t id, const char *path);
+
+struct unsent_file {
+  std::string path;
+  std::string name;
+  uint64_t size;
+  int64_t written_ns;  // time of writing
+};
+// The group's kept files, oldest first (by time of writing, then name).
+std::vector<unsent_file> unsent_files(uint32_t id);
+
+// Removes a kept file once it has been delivered.
+void unsent_delivered(const unsent_file &file);
+
+// Files and bytes the group keeps now.
+void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes);
