@@ -39,6 +39,12 @@ void netbar_basic_0001_init();
 void netbar_basic_0002_init();
 void netbar_basic_0003_1_init();
 void netbar_basic_0003_2_init();
+// Their writers: the place, the vendor, and two records for one scanned
+// access point. 0 when the record was written.
+int netbar_basic_0001_write();
+int netbar_basic_0002_write();
+int netbar_basic_0003_1_write(const char *mac);
+int netbar_basic_0003_2_write(const char *mac);
 
 // Session id: place code, the MAC's hex digits in lower case (separators
 // dropped) and a time in seconds, cut to 64 characters.

@@ -25,3 +25,8 @@ struct netlink_event {
 // header's nlmsg_len is not consulted: the fields used all lie in the first
 // NETLINK_MSG_MIN bytes, which a message of that length holds.
 bool netlink_parse(const uint8_t *data, size_t len, netlink_event *ev);
+
+// Writes the event's WA_SOURCE_FJ_0002 record. 0 when written, 1 when the
+// terminal's access point is unknown, no file could be opened or the line
+// was refused.
+int netbar_0002_write(const netlink_http_event &event);

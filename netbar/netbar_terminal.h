@@ -12,12 +12,17 @@ struct netbar_terminal {
   char account[64];
   char ip[24];
   unsigned long long online_time;
-  char ap_mac[32];  // access point serving the terminal; rewritten too
+  char ap_mac[32];  // access point serving the terminal, as its status line gives it
   char field_strength[32];
-  // The MAC as received: the table's key, owned here. Records show it in
-  // record form, rewritten from this text each time.
+  // The MAC as received: the table's key, owned here.
   char key[32];
 };
+
+// Writes the terminal's WA_SOURCE_FJ_0001 record: online, or offline with
+// the current time as its end. Records show the MACs in record form; the
+// terminal is left as it is. 0 when written, -1 when no file could be
+// opened or the line was refused.
+int netbar_0001_write(bool online, const netbar_terminal &terminal);
 
 enum { NETBAR_CMD_OFFLINE = 2, NETBAR_CMD_ONLINE = 3 };
 

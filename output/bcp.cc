@@ -8,8 +8,6 @@
 #include "frame/paths.h"
 #include "output/archive.h"
 
-bcp_group *bcp_group_table[BCP_GROUP_TABLE_SIZE];
-
 void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag,
                         const char *cycle_name) {
   group->id = id;
@@ -17,28 +15,12 @@ void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag,
   group->cycle_name = cycle_name;
   for (bcp_dataset &ds : group->datasets)
     ds.group = group;
-  bcp_group_table[id] = group;
 }
 
-void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                      bcp_business_handler handler) {
+void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template) {
   ds->fp = nullptr;
   ds->name = name;
   ds->index_template = index_template;
-  ds->handler = handler;
-}
-
-int bcp_dispatch(uint32_t group, uint32_t index, unsigned argc, ...) {
-  if (group >= BCP_GROUP_TABLE_SIZE || index >= BCP_GROUP_DATASETS)
-    return 0;
-  bcp_group *g = bcp_group_table[group];
-  if (!g || !g->datasets[index].handler)
-    return 0;
-  va_list ap;
-  va_start(ap, argc);
-  int res = g->datasets[index].handler(group, index, static_cast<uint8_t>(argc), &ap, g->datasets);
-  va_end(ap);
-  return res;
 }
 
 namespace {

@@ -1,8 +1,7 @@
-// The dataset registry and the BCP writing frame: every record of the
-// daemon reaches its file through bcp_dispatch and bcp_write_line.
+// Datasets, their groups and the BCP writing frame: every record of the
+// daemon reaches its file through bcp_write_line.
 #pragma once
 
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 
@@ -16,18 +15,11 @@ constexpr uint32_t QZ2FH_STATUS_DIR_ID = 144;
 constexpr uint16_t BCP_MAX_RECORDS = 5000;
 constexpr int BCP_FILE_LIST_SIZE = 256;
 constexpr int BCP_GROUP_DATASETS = 6;
-constexpr int BCP_GROUP_TABLE_SIZE = 256;
 constexpr size_t BCP_NAME_SIZE = 256;
 
 struct bcp_dataset;
 struct bcp_group;
 struct bcp_line_plan;
-
-// Builds one record from the dataset's own variadic arguments and appends
-// it. 0 when written (or nothing to write), non-zero when refused or when
-// no file could be opened.
-using bcp_business_handler = int (*)(uint32_t group, uint32_t index, uint8_t argc, va_list *ap,
-                                     bcp_dataset *datasets);
 
 struct bcp_dataset {
   FILE *fp;                    // current file, null while none is open
@@ -35,7 +27,6 @@ struct bcp_dataset {
   const char *index_template;  // printf template of its index block; null if it never writes
   uint16_t record_count;       // records in the current file
   char file_name[BCP_NAME_SIZE];
-  bcp_business_handler handler;
   uint16_t bcp_sequence;  // sequence number of the next file, wrapping
   bcp_group *group;       // set when the group is registered
   bcp_line_plan *plan;    // its line's fixed parts, made on first use
@@ -68,19 +59,11 @@ struct bcp_group {
   report_timer timer;
 };
 
-extern bcp_group *bcp_group_table[BCP_GROUP_TABLE_SIZE];
-
-// Names the group and stores it at its id, linking its datasets to it.
-// Groups live in zeroed static storage (their lists are large) and get
-// their identity here.
+// Names the group and links its datasets to it. Groups live in zeroed
+// static storage (their lists are large) and get their identity here.
 void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name);
-// Fills a dataset descriptor: no open file, its code, template and handler.
-void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                      bcp_business_handler handler);
-
-// Calls the handler of dataset index of group with the arguments after
-// argc. 0 without calling anything when the group is not registered.
-int bcp_dispatch(uint32_t group, uint32_t index, unsigned argc, ...);
+// Fills a dataset descriptor: no open file, its code and template.
+void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template);
 
 // The writing frame: opens the dataset's next file if none is open,
 // appends the line, and finishes the file at BCP_MAX_RECORDS. 0, or 1 when

@@ -32,7 +32,7 @@ uint16_t bjson_sequence;
 report_timer bjson_timer;
 bcp_group_state status_state;
 
-bool count_node(char *name, void *) {
+bool count_node(const char *name) {
   auto *node = static_cast<bjson_node *>(str_table_get(bjson_node_table, name));
   if (node) {
     node->seen_count++;
@@ -54,7 +54,7 @@ bool count_node(char *name, void *) {
 
 // True when the whole listing was read into the node list.
 bool bjson_update_node_list() {
-  switch (wtps_read(__func__, count_node, nullptr)) {
+  switch (wtps_read(__func__, count_node)) {
     case WTPS_FAILED:
       log_msg(DEBUG, "wum -c wtps fail\n");
       return false;

@@ -12,7 +12,6 @@
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/spool.h"
-#include "output/wtps_scan.h"
 #include "terminal/source_group.h"
 #include "tests/unit/test_support.h"
 
@@ -54,10 +53,10 @@ TEST_F(Archive, EmptyCycleTouchesNothing) {
 }
 
 TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
-  bcp_dispatch_mac(146, 2, "00:1a:2b:3c:4d:5e");
-  bcp_dispatch_mac(146, 3, "00:1a:2b:3c:4d:5e");
-  bcp_dispatch_mac(146, 3, "00:1a:2b:3c:4d:5f");
-  bcp_dispatch(146, 4, 0);
+  source_basic_1001_write("00:1a:2b:3c:4d:5e");
+  source_basic_1002_write("00:1a:2b:3c:4d:5e");
+  source_basic_1002_write("00:1a:2b:3c:4d:5f");
+  source_basic_1003_write();
   source_report_timer(nullptr);
 
   ASSERT_EQ(run.commands.size(), 3u);
@@ -101,14 +100,14 @@ TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
 
   // The next archive carries the next zip number; new files start again.
   run.commands.clear();
-  bcp_dispatch(146, 5, 0);
+  source_basic_1004_write();
   source_report_timer(nullptr);
   EXPECT_NE(run.commands[0].find("-00001.zip"), std::string::npos);
   EXPECT_NE(index.find("-00000-WA_BASIC_FJ_1004-0.bcp"), std::string::npos);
 }
 
 TEST_F(Archive, FailedIndexDeletesTheCycleUnsent) {
-  bcp_dispatch(146, 4, 0);
+  source_basic_1003_write();
   ASSERT_EQ(mkdir("/tmp/146/GAB_ZIP_INDEX.xml", 0755), 0);  // cannot be opened as a file
   source_report_timer(nullptr);
   ASSERT_EQ(run.commands.size(), 1u);
