@@ -22,7 +22,7 @@ extern bcp_group netbar_group;
 // sets up the six datasets with their timers.
 void netbar_group_init();
 // The group's archive timer.
-void netbar_report_timer(void *arg);
+report_result netbar_report_timer(void *arg);
 
 // Online/offline feed and WA_SOURCE_FJ_0001.
 void netbar_init_sock();

@@ -78,22 +78,22 @@ int netbar_basic_0003_2_write(const char *mac) {
 
 namespace {
 
-void netbar_basic_0001_report_timer(void *) {
+report_result netbar_basic_0001_report_timer(void *) {
   netbar_basic_0001_write();
-  basic_0001_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+  return report_result::done;
 }
 
-void netbar_basic_0002_report_timer(void *) {
+report_result netbar_basic_0002_report_timer(void *) {
   netbar_basic_0002_write();
-  basic_0002_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+  return report_result::done;
 }
 
-void netbar_basic_0003_1_report_timer(void *) {
-  wtps_scan(netbar_basic_0003_1_write, &basic_0003_1_timer, __func__);
+report_result netbar_basic_0003_1_report_timer(void *) {
+  return wtps_scan(netbar_basic_0003_1_write, __func__);
 }
 
-void netbar_basic_0003_2_report_timer(void *) {
-  wtps_scan(netbar_basic_0003_2_write, &basic_0003_2_timer, __func__);
+report_result netbar_basic_0003_2_report_timer(void *) {
+  return wtps_scan(netbar_basic_0003_2_write, __func__);
 }
 
 }  // namespace

@@ -10,17 +10,17 @@
 
 bcp_group netbar_group;
 
-void netbar_report_timer(void *) {
-  group_archive_cycle(&netbar_group, true);
+report_result netbar_report_timer(void *) {
+  group_archive_cycle(&netbar_group);
   const size_t dropped = feed_queue_take_dropped();
   if (dropped)
     log_msg(WARN, "%zu feed events dropped while commands ran: queue full\n", dropped);
+  return report_result::done;
 }
 
 void netbar_group_init() {
-  bcp_group_register(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer");
-  report_timer_init(&netbar_group.timer, netbar_report_timer, REPORT_COUNTDOWN_SECONDS);
-  report_timer_add(&netbar_group.timer);
+  bcp_group_register(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer",
+                     netbar_report_timer);
   qz2fh_delete_dir_file(QZ2FH_NETBAR_TYPE, &netbar_group.state);
   qz2fh_create_dir(QZ2FH_NETBAR_TYPE, &netbar_group.state);
   netbar_init_sock();

@@ -55,7 +55,7 @@ bool write_index(bcp_group *g) {
 
 }  // namespace
 
-void group_archive_cycle(bcp_group *g, bool scheduled) {
+void group_archive_cycle(bcp_group *g) {
   close_open_files(g);
   if (g->bcp_file_count != 0) {
     if (write_index(g)) {
@@ -71,7 +71,5 @@ void group_archive_cycle(bcp_group *g, bool scheduled) {
     }
     qz2fh_delete_dir_file(static_cast<int>(g->id), &g->state);
   }
-  if (scheduled)
-    g->timer.countdown = REPORT_COUNTDOWN_SECONDS;
   g->bcp_file_count = 0;
 }

@@ -8,13 +8,16 @@
 #include "frame/paths.h"
 #include "output/archive.h"
 
-void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag,
-                        const char *cycle_name) {
+void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
+                        report_result (*archive_timer)(void *)) {
   group->id = id;
   group->log_tag = log_tag;
   group->cycle_name = cycle_name;
   for (bcp_dataset &ds : group->datasets)
     ds.group = group;
+  report_timer_init(&group->timer, archive_timer, REPORT_COUNTDOWN_SECONDS,
+                    {report_owner_new(), report_phase::archive});
+  report_timer_add(&group->timer);
 }
 
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template) {
@@ -87,7 +90,7 @@ int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
     if (g->bcp_file_count >= BCP_FILE_LIST_SIZE - 1 - BCP_GROUP_DATASETS) {
       log_msg(WARN, "group %d finished %d files in one cycle, archiving early\n",
               static_cast<int>(g->id), static_cast<int>(g->bcp_file_count));
-      group_archive_cycle(g, false);
+      group_archive_cycle(g);
     }
   }
   return 0;

@@ -59,9 +59,11 @@ struct bcp_group {
   report_timer timer;
 };
 
-// Names the group and links its datasets to it. Groups live in zeroed
-// static storage (their lists are large) and get their identity here.
-void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name);
+// Names the group, links its datasets to it and schedules its archive
+// timer every 300 s. Groups live in zeroed static storage (their lists are
+// large) and get their identity here.
+void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
+                        report_result (*archive_timer)(void *));
 // Fills a dataset descriptor: no open file, its code and template.
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template);
 

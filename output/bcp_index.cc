@@ -104,9 +104,10 @@ void bcp_plan_make(bcp_line_plan &plan, const bcp_fixed_fn *fixed, size_t count)
 }
 
 void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                               report_timer *timer, void (*timer_handler)(void *)) {
+                               report_timer *timer, report_result (*timer_handler)(void *)) {
   bcp_dataset_init(ds, name, index_template);
-  report_timer_init(timer, timer_handler, REPORT_COUNTDOWN_SECONDS);
+  report_timer_init(timer, timer_handler, REPORT_COUNTDOWN_SECONDS,
+                    {ds->group->timer.order.owner, report_phase::records});
   report_timer_add(timer);
 }
 

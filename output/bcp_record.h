@@ -173,12 +173,13 @@ int bcp_emit(const char *func, bcp_dataset *ds, const Table &cols, const Ctx &ct
 }
 
 // Sets up a dataset written by its own 300-s timer: the descriptor with
-// the template of its columns, and the timer appended to the scheduler.
+// the template of its columns, and the timer, which runs in its group's
+// records phase.
 void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                               report_timer *timer, void (*timer_handler)(void *));
+                               report_timer *timer, report_result (*timer_handler)(void *));
 template <typename Table>
 void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const Table &cols,
                                bcp_template_style style, report_timer *timer,
-                               void (*timer_handler)(void *)) {
+                               report_result (*timer_handler)(void *)) {
   bcp_periodic_dataset_init(ds, name, bcp_make_template(cols, style), timer, timer_handler);
 }

@@ -7,21 +7,21 @@
 #include "config/wtps.h"
 #include "frame/log.h"
 
-void wtps_scan(bcp_mac_writer write, report_timer *timer, const char *caller) {
+report_result wtps_scan(bcp_mac_writer write, const char *caller) {
   switch (wtps_read(caller, [write](const char *mac) {
     write(mac);
     return true;
   })) {
     case WTPS_FAILED:
       log_msg_as(caller, DEBUG, "wum -c wtps fail\n");
-      return;
+      return report_result::retry;
     case WTPS_CUT:
       log_msg_as(caller, DEBUG, "mac is null\n");
       break;
     case WTPS_DONE:
       break;
   }
-  timer->countdown = REPORT_COUNTDOWN_SECONDS;
+  return report_result::done;
 }
 
 void ap_record_make(ap_record *rec, const char *func, const char *mac, bool record_form) {

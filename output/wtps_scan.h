@@ -9,9 +9,8 @@
 using bcp_mac_writer = int (*)(const char *mac);
 
 // Lists the access points with "wum -c wtps" and writes each MAC's record,
-// logging under caller. Restores the timer's countdown, except when wum
-// could not be started: then the scheduler tries again on its next tick.
-void wtps_scan(bcp_mac_writer write, report_timer *timer, const char *caller);
+// logging under caller. Retry when wum could not be started.
+report_result wtps_scan(bcp_mac_writer write, const char *caller);
 
 // The context of the per-access-point record of mac, logged under func;
 // with record_form the record shows the MAC in record form.

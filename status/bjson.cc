@@ -95,7 +95,7 @@ int write_nodes(FILE *fp) {
 
 }  // namespace
 
-void bjson_report_timer(void *) {
+report_result bjson_report_timer(void *) {
   if (bjson_update_node_list()) {
     char path[BCP_NAME_SIZE];
     snprintf(path, sizeof(path), QZ_SPOOL_DIR_FORMAT "/145-%s-%llu-%d-DEVICESTATUS-0.bjson",
@@ -115,14 +115,15 @@ void bjson_report_timer(void *) {
     }
   }
   qz2fh_delete_dir_file(QZ2FH_STATUS_DIR_ID, &status_state);
-  bjson_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+  return report_result::done;
 }
 
 void bjson_report_init() {
   bjson_node_table = str_table_new();
   if (!bjson_node_table)
     return;
-  report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS);
+  report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS,
+                    {report_owner_new(), report_phase::records});
   report_timer_add(&bjson_timer);
   qz2fh_delete_dir_file(QZ2FH_STATUS_DIR_ID, &status_state);
   qz2fh_create_dir(QZ2FH_STATUS_DIR_ID, &status_state);

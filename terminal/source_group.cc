@@ -103,22 +103,22 @@ int source_basic_1004_write() {
 
 namespace {
 
-void source_basic_1001_report_timer(void *) {
-  wtps_scan(source_basic_1001_write, &basic_1001_timer, __func__);
+report_result source_basic_1001_report_timer(void *) {
+  return wtps_scan(source_basic_1001_write, __func__);
 }
 
-void source_basic_1002_report_timer(void *) {
-  wtps_scan(source_basic_1002_write, &basic_1002_timer, __func__);
+report_result source_basic_1002_report_timer(void *) {
+  return wtps_scan(source_basic_1002_write, __func__);
 }
 
-void source_basic_1003_report_timer(void *) {
+report_result source_basic_1003_report_timer(void *) {
   source_basic_1003_write();
-  basic_1003_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+  return report_result::done;
 }
 
-void source_basic_1004_report_timer(void *) {
+report_result source_basic_1004_report_timer(void *) {
   source_basic_1004_write();
-  basic_1004_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+  return report_result::done;
 }
 
 void source_basic_1001_init() {
@@ -144,13 +144,14 @@ void source_basic_1004_init() {
 
 }  // namespace
 
-void source_report_timer(void *) { group_archive_cycle(&source_group, true); }
+report_result source_report_timer(void *) {
+  group_archive_cycle(&source_group);
+  return report_result::done;
+}
 
 void source_group_init() {
   bcp_group_register(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE",
-                     "source_report_timer");
-  report_timer_init(&source_group.timer, source_report_timer, REPORT_COUNTDOWN_SECONDS);
-  report_timer_add(&source_group.timer);
+                     "source_report_timer", source_report_timer);
   qz2fh_delete_dir_file(QZ2FH_TERMINAL_TYPE, &source_group.state);
   qz2fh_create_dir(QZ2FH_TERMINAL_TYPE, &source_group.state);
   source_1001_init();

@@ -10,7 +10,7 @@ extern bcp_group source_group;
 // datasets with their timers.
 void source_group_init();
 // The group's archive timer.
-void source_report_timer(void *arg);
+report_result source_report_timer(void *arg);
 
 // The writers of the four basic datasets: access-point presence and
 // collection equipment for one scanned MAC, the place, the vendor. 0 when

@@ -31,7 +31,7 @@ class BcpWriter : public ::testing::Test {
     run.pass_through("rm");
     load_test_config();
     bcp_dataset_init(&test_group.datasets[1], "WA_TEST_1", "%s%d%s%s%s%d\n");
-    bcp_group_register(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer");
+    bcp_group_register(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer", nullptr);
     ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
   }
   fake_runner run;
@@ -73,7 +73,7 @@ TEST_F(BcpWriter, SequenceWrapsAndFailedOpenKeepsIt) {
 
 TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
   // From an empty cycle, whatever ran before in this process.
-  group_archive_cycle(&test_group, true);
+  group_archive_cycle(&test_group);
   test_group.datasets[1].bcp_sequence = 0;
   // Capture every index as the archive step zips it.
   std::vector<std::string> indexes;
@@ -87,7 +87,7 @@ TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
   ASSERT_EQ(indexes.size(), 1u);  // one early archive, before the list could wrap
   EXPECT_EQ(test_group.bcp_file_count, files - 249);
   // Everything listed since is archived by the next regular cycle.
-  group_archive_cycle(&test_group, true);
+  group_archive_cycle(&test_group);
   ASSERT_EQ(indexes.size(), 2u);
   int blocks = 0;
   for (int seq = 0; seq < files; seq++) {
