@@ -6,7 +6,6 @@
 #include "frame/feed_queue.h"
 #include "frame/log.h"
 #include "output/archive.h"
-#include "output/spool.h"
 
 bcp_group netbar_group;
 
@@ -19,10 +18,8 @@ report_result netbar_report_timer(void *) {
 }
 
 void netbar_group_init() {
-  bcp_group_register(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer",
-                     netbar_report_timer);
-  qz2fh_delete_dir_file(QZ2FH_NETBAR_TYPE, &netbar_group.state);
-  qz2fh_create_dir(QZ2FH_NETBAR_TYPE, &netbar_group.state);
+  bcp_group_init(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer",
+                 netbar_report_timer);
   netbar_init_sock();
   init_netbar_0002();
   netbar_basic_0001_init();

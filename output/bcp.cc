@@ -5,12 +5,12 @@
 
 #include "config/config.h"
 #include "frame/log.h"
-#include "frame/paths.h"
 #include "output/archive.h"
 
-void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
-                        report_result (*archive_timer)(void *)) {
+void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
+                    report_result (*archive_timer)(void *)) {
   group->id = id;
+  group->spool = spool_dir_of(id);
   group->log_tag = log_tag;
   group->cycle_name = cycle_name;
   for (bcp_dataset &ds : group->datasets)
@@ -18,6 +18,9 @@ void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, cons
   report_timer_init(&group->timer, archive_timer, REPORT_COUNTDOWN_SECONDS,
                     {report_owner_new(), report_phase::archive});
   report_timer_add(&group->timer);
+  // Files of an earlier run are deleted before anything new is written.
+  qz2fh_delete_dir_file(group->spool);
+  qz2fh_create_dir(group->spool);
 }
 
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template) {
@@ -34,10 +37,8 @@ void qz2fh_get_bcp_filename(const bcp_dataset *ds, char *path, size_t size) {
   const unsigned sequence = ds->bcp_sequence;
   const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
   const char *source = qz2fh_get_source_str();
-  char spool_dir[BCP_NAME_SIZE];
-  snprintf(spool_dir, sizeof(spool_dir), QZ_SPOOL_DIR_FORMAT, static_cast<int>(ds->group->id));
-  snprintf(path, size, "%s/%d-%s-%llu-%05d-%s-0.bcp", spool_dir, static_cast<int>(ds->group->id),
-           source, now, static_cast<int>(sequence), ds->name);
+  snprintf(path, size, "%s/%d-%s-%llu-%05d-%s-0.bcp", ds->group->spool.path,
+           static_cast<int>(ds->group->id), source, now, static_cast<int>(sequence), ds->name);
   log_msg(DEBUG, "create file : %s", path);
 }
 

@@ -6,11 +6,10 @@
 #include <cstdio>
 
 #include "frame/report_timer.h"
+#include "output/spool.h"
 
 constexpr uint32_t QZ2FH_TERMINAL_TYPE = 146;
 constexpr uint32_t QZ2FH_NETBAR_TYPE = 145;
-// The device status report's spool directory; not a dataset group.
-constexpr uint32_t QZ2FH_STATUS_DIR_ID = 144;
 
 constexpr uint16_t BCP_MAX_RECORDS = 5000;
 constexpr int BCP_FILE_LIST_SIZE = 256;
@@ -42,14 +41,13 @@ struct bcp_file_entry {
 struct bcp_group_state {
   uint16_t zip_sequence;
   char zip_name[BCP_NAME_SIZE];
-  char index_path[BCP_NAME_SIZE];
-  char spool_dir[BCP_NAME_SIZE];
 };
 
 // One dataset group: its datasets, the files finished in the current
-// cycle, its archive state and its archive timer.
+// cycle, its spool directory, its archive state and its archive timer.
 struct bcp_group {
   uint32_t id;
+  spool_dir spool;
   const char *log_tag;     // e.g. "QZ2FH_TERMINAL_TYPE"
   const char *cycle_name;  // name under which the archive cycle logs
   bcp_dataset datasets[BCP_GROUP_DATASETS];
@@ -59,11 +57,12 @@ struct bcp_group {
   report_timer timer;
 };
 
-// Names the group, links its datasets to it and schedules its archive
-// timer every 300 s. Groups live in zeroed static storage (their lists are
-// large) and get their identity here.
-void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
-                        report_result (*archive_timer)(void *));
+// Names the group, links its datasets to it, schedules its archive timer
+// every 300 s, and empties and creates its spool directory. Groups live in
+// zeroed static storage (their lists are large) and get their identity
+// here.
+void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
+                    report_result (*archive_timer)(void *));
 // Fills a dataset descriptor: no open file, its code and template.
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template);
 

@@ -7,7 +7,6 @@
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/bcp_values.h"
-#include "output/spool.h"
 #include "output/wtps_scan.h"
 
 bcp_group source_group;
@@ -150,10 +149,8 @@ report_result source_report_timer(void *) {
 }
 
 void source_group_init() {
-  bcp_group_register(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE",
-                     "source_report_timer", source_report_timer);
-  qz2fh_delete_dir_file(QZ2FH_TERMINAL_TYPE, &source_group.state);
-  qz2fh_create_dir(QZ2FH_TERMINAL_TYPE, &source_group.state);
+  bcp_group_init(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE", "source_report_timer",
+                 source_report_timer);
   source_1001_init();
   source_1002_init();
   source_basic_1001_init();

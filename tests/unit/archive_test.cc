@@ -124,9 +124,10 @@ TEST(Spool, OverlongCommandIsNotRun) {
   load_test_config({{"fh_ftp_password", "\"" + std::string(600, 'p') + "\""}});
   fake_runner run;
   debug_mode_on();
-  bcp_group_state st = {};
+  static bcp_group group;
+  group.spool = spool_dir_of(146);
   ::testing::internal::CaptureStderr();
-  qz2fh_send_zip_file(146, &st);
+  qz2fh_send_zip_file(&group);
   EXPECT_NE(::testing::internal::GetCapturedStderr().find("command longer than 511 bytes, not run"),
             std::string::npos);
   EXPECT_TRUE(run.commands.empty());

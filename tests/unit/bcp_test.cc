@@ -31,7 +31,7 @@ class BcpWriter : public ::testing::Test {
     run.pass_through("rm");
     load_test_config();
     bcp_dataset_init(&test_group.datasets[1], "WA_TEST_1", "%s%d%s%s%s%d\n");
-    bcp_group_register(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer", nullptr);
+    bcp_group_init(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer", nullptr);
     ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
   }
   fake_runner run;
