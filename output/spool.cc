@@ -94,7 +94,7 @@ void qz2fh_form_zip_file(const bcp_group *group) {
   if (!command_fits(n, __func__))
     return;
   log_msg(DEBUG, "%s\n", cmd);
-  command_system(cmd);
+  command_system(cmd, COMMAND_LIMIT_TRANSFER);
 }
 
 namespace {
@@ -118,7 +118,7 @@ void send_file(const char *local_path, const char *remote_dir) {
   snprintf(shown, sizeof(shown), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
            user.c_str(), "[KEY DATA REMOVED]", host.c_str(), port.c_str(), remote.c_str());
   log_msg_as(func, DEBUG, "system cmd: %s\n", shown);
-  command_system(cmd);
+  command_system(cmd, COMMAND_LIMIT_TRANSFER);
 }
 
 }  // namespace
