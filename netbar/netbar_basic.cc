@@ -1,10 +1,10 @@
 // The netbar group's periodic records: place, vendor, and two records per
 // access point.
-#include <iterator>
+#include "netbar/netbar_basic.h"
 
 #include "config/identity.h"
 #include "frame/log.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 #include "output/wtps_scan.h"
 

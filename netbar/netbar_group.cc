@@ -1,10 +1,13 @@
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 
 #include <cstdio>
 
 #include "config/identity.h"
 #include "frame/feed_queue.h"
 #include "frame/log.h"
+#include "netbar/netbar_basic.h"
+#include "netbar/netbar_netlink.h"
+#include "netbar/netbar_terminal.h"
 #include "output/archive.h"
 
 bcp_group netbar_group;

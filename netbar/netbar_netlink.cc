@@ -1,5 +1,7 @@
 // The kernel netlink feed: the router's kernel module reports traffic
 // events of the place network's terminals; HTTP events become records.
+#include "netbar/netbar_netlink.h"
+
 #include <arpa/inet.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
@@ -15,8 +17,7 @@
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
 #include "frame/log.h"
-#include "netbar/netbar.h"
-#include "netbar/netbar_netlink.h"
+#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 
 namespace {

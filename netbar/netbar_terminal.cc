@@ -21,7 +21,7 @@
 #include "frame/paths.h"
 #include "frame/str_table.h"
 #include "frame/text.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "frame/eloop.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "output/bcp_dataset.h"
 #include "terminal/source_group.h"
 #include "tests/unit/test_support.h"

@@ -18,7 +18,7 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "status/bjson.h"
 #include "terminal/source_group.h"
 
