@@ -27,7 +27,7 @@ struct bcp_dataset {
   uint16_t record_count;       // records in the current file
   char file_name[BCP_NAME_SIZE];
   uint16_t bcp_sequence;  // sequence number of the next file, wrapping
-  bcp_group *group;       // set when the group is registered
+  bcp_group *group;       // set by bcp_group_init
   bcp_line_plan *plan;    // its line's fixed parts, made on first use
 };
 
