@@ -1,5 +1,7 @@
 #include "output/bcp_values.h"
 
+#include <cstring>
+
 #include "config/config.h"
 #include "config/identity.h"
 
@@ -23,16 +25,12 @@ void bcp_put_ap_equipment_id(bcp_line &l, const ap_record &rec) { l.put(rec.equi
 void bcp_put_ap_mac(bcp_line &l, const ap_record &rec) { l.put(rec.ap_mac); }
 
 void bcp_mac_record_form(const char *mac, char *out, size_t size) {
-  size_t n = 0;
-  for (; mac[n] && n + 1 < size; n++) {
-    const char c = mac[n];
-    if (c == ':')
-      out[n] = '-';
-    else if (c >= 'a' && c <= 'z')
-      out[n] = static_cast<char>(c - 'a' + 'A');
-    else
-      out[n] = c;
+  if (size == 0)
+    return;
+  const size_t n = strnlen(mac, size - 1);
+  for (size_t i = 0; i < n; i++) {
+    const char c = mac[i];
+    out[i] = c == ':' ? '-' : c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   }
-  if (size)
-    out[n] = '\0';
+  out[n] = '\0';
 }

@@ -23,11 +23,16 @@ void bcp_put_netbar_type_str(bcp_line &line);
 void bcp_put_netbar_property_str(bcp_line &line);
 void bcp_put_equipment_name(bcp_line &line);
 
-// Context of the per-access-point records: one scanned MAC.
+// Context of the per-access-point records: one scanned MAC. Not copied:
+// ap_mac may point into it.
 struct ap_record {
-  const char *equipment_id;          // from the access point's MAC
-  char ap_mac[QZ_MAC_TEXT_MAX + 1];  // the MAC, in record form where the dataset wants it
-  unsigned long long now;            // time the record is built
+  ap_record() = default;
+  ap_record(const ap_record &) = delete;
+  ap_record &operator=(const ap_record &) = delete;
+  const char *equipment_id;               // from the access point's MAC
+  const char *ap_mac;                     // the MAC as the record shows it
+  unsigned long long now;                 // time the record is built
+  char record_form[QZ_MAC_TEXT_MAX + 1];  // the MAC in record form, where a dataset shows that
 };
 void bcp_put_ap_equipment_id(bcp_line &line, const ap_record &rec);
 void bcp_put_ap_mac(bcp_line &line, const ap_record &rec);

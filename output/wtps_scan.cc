@@ -1,6 +1,5 @@
 #include "output/wtps_scan.h"
 
-#include <cstdio>
 #include <ctime>
 
 #include "config/identity.h"
@@ -28,8 +27,9 @@ void ap_record_make(ap_record *rec, const char *func, const char *mac, bool reco
   log_msg_as(func, DEBUG, "mac:%s\n", mac);
   rec->now = static_cast<unsigned long long>(time(nullptr));
   rec->equipment_id = qz2fh_get_equipment_id(mac);
-  if (record_form)
-    bcp_mac_record_form(mac, rec->ap_mac, sizeof(rec->ap_mac));
-  else
-    snprintf(rec->ap_mac, sizeof(rec->ap_mac), "%s", mac);
+  rec->ap_mac = mac;
+  if (record_form) {
+    bcp_mac_record_form(mac, rec->record_form, sizeof(rec->record_form));
+    rec->ap_mac = rec->record_form;
+  }
 }
