@@ -53,9 +53,9 @@ constexpr bcp_column<ap_record> basic_0003_2_columns[] = {
 
 bcp_dataset *dataset(int index) { return &netbar_group.datasets[index]; }
 
-}  // namespace
-
-// Writers log under the names their records have always been logged under.
+// The writers: the place, the vendor, and two records for one scanned
+// access point. They log under the names their records have always been
+// logged under.
 int netbar_basic_0001_write() {
   return bcp_emit("netbar_basic_0001_business_handle", dataset(NETBAR_BASIC_0001),
                   basic_0001_columns, bcp_fixed_record{});
@@ -75,8 +75,6 @@ int netbar_basic_0003_2_write(const char *mac) {
   return bcp_emit_ap_record("netbar_basic_0003_2_business_handle", dataset(NETBAR_BASIC_0003_2),
                             basic_0003_2_columns, mac, true);
 }
-
-namespace {
 
 report_result netbar_basic_0001_report_timer(void *) {
   netbar_basic_0001_write();

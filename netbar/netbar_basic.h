@@ -3,14 +3,8 @@
 // (per access point).
 #pragma once
 
-// Set up each dataset with its 300-s timer.
+// Set up each dataset with its 300-s timer, which writes its records.
 void netbar_basic_0001_init();
 void netbar_basic_0002_init();
 void netbar_basic_0003_1_init();
 void netbar_basic_0003_2_init();
-// Their writers: the place, the vendor, and two records for one scanned
-// access point. 0 when the record was written.
-int netbar_basic_0001_write();
-int netbar_basic_0002_write();
-int netbar_basic_0003_1_write(const char *mac);
-int netbar_basic_0003_2_write(const char *mac);
