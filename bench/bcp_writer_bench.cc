@@ -1,4 +1,4 @@
-// Records per second through bcp_dispatch into BCP files with roll-over,
+// Records per second through a dataset's writer into BCP files with roll-over,
 // against plain fwrite of the same prepared lines. Runs in a private /tmp
 // (needs root):  build/bench/bcp_writer_bench
 #include <benchmark/benchmark.h>
@@ -14,7 +14,6 @@
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/bcp_dataset.h"
-#include "output/wtps_scan.h"
 #include "terminal/source_group.h"
 #include "tests/private_tmp.h"
 
@@ -61,11 +60,11 @@ void setup() {
 }
 
 // One WA_BASIC_FJ_1002 record per access point, as the scan writes them.
-void BM_dispatch(benchmark::State &state) {
-  char mac[] = "00:1a:2b:3c:4d:5e";
+void BM_write(benchmark::State &state) {
+  const char mac[] = "00:1a:2b:3c:4d:5e";
   int n = 0;
   for (auto _ : state) {
-    bcp_dispatch_mac(QZ2FH_TERMINAL_TYPE, 3, mac);
+    source_basic_1002_write(mac);
     if (++n == BATCH) {
       state.PauseTiming();
       source_report_timer(nullptr);  // closes the open file, deletes all
@@ -75,7 +74,7 @@ void BM_dispatch(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_dispatch);
+BENCHMARK(BM_write);
 
 // The same line, prepared once, written with fwrite to one file.
 void BM_plain_fwrite(benchmark::State &state) {

@@ -8,7 +8,7 @@
 #include "frame/log.h"
 #include "frame/text.h"
 
-wtps_result wtps_parse(std::string_view listing, const char *caller, wtps_mac_fn fn, void *arg) {
+wtps_result wtps_parse(std::string_view listing, const char *caller, const wtps_mac_fn &fn) {
   size_t pos = 0;
   while (pos < listing.size()) {
     size_t nl = listing.find('\n', pos);
@@ -28,15 +28,15 @@ wtps_result wtps_parse(std::string_view listing, const char *caller, wtps_mac_fn
       log_msg_as(caller, DEBUG, "bad mac in wtps listing, line skipped\n");
       continue;
     }
-    if (!fn(mac, arg))
+    if (!fn(mac))
       return WTPS_CUT;
   }
   return WTPS_DONE;
 }
 
-wtps_result wtps_read(const char *caller, wtps_mac_fn fn, void *arg) {
+wtps_result wtps_read(const char *caller, const wtps_mac_fn &fn) {
   std::string listing;
   if (command_read("wum -c wtps", &listing, WTPS_OUTPUT_MAX) < 0)
     return WTPS_FAILED;
-  return wtps_parse(listing, caller, fn, arg);
+  return wtps_parse(listing, caller, fn);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string_view>
 
 enum wtps_result {
@@ -11,9 +12,8 @@ enum wtps_result {
   WTPS_CUT = 1,      // a line without a MAC (or the callback) ended the reading
 };
 
-// Called with each MAC, NUL-terminated in a buffer the callee may rewrite.
-// Returning false ends the reading.
-using wtps_mac_fn = bool (*)(char *mac, void *arg);
+// Called with each MAC, NUL-terminated. Returning false ends the reading.
+using wtps_mac_fn = std::function<bool(const char *mac)>;
 
 // Largest listing read; the rest is discarded.
 constexpr size_t WTPS_OUTPUT_MAX = 1024 * 1024;
@@ -22,6 +22,6 @@ constexpr size_t WTPS_OUTPUT_MAX = 1024 * 1024;
 // without their terminator, so a MAC that ends its line is clean. A MAC
 // text that could break a record or a path is skipped with a log line
 // under caller's name.
-wtps_result wtps_read(const char *caller, wtps_mac_fn fn, void *arg);
+wtps_result wtps_read(const char *caller, const wtps_mac_fn &fn);
 // The same over a listing already read.
-wtps_result wtps_parse(std::string_view listing, const char *caller, wtps_mac_fn fn, void *arg);
+wtps_result wtps_parse(std::string_view listing, const char *caller, const wtps_mac_fn &fn);

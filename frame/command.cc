@@ -4,11 +4,15 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/syscall.h>
+#include <sys/times.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
 
 #include "frame/feed_queue.h"
+#include "frame/log.h"
 #include "frame/unique_fd.h"
 
 extern char **environ;
@@ -16,6 +20,7 @@ extern char **environ;
 namespace {
 
 command_runner *test_runner;
+unsigned limit_second_ms = 1000;
 
 // Without a pidfd the runner cannot sleep until the child ends; it then
 // looks every few milliseconds.
@@ -30,7 +35,57 @@ int open_pidfd(pid_t pid) {
 #endif
 }
 
-// Starts "/bin/sh -c cmd"; with out_fd >= 0 the child's stdout goes there.
+// A command's time limit, kept on the elapsed real time that times(2)
+// counts. The end-to-end tests run the daemon 60 times fast under a
+// preloaded time-faking library, which speeds up clock_gettime, timers and
+// poll time-outs alike, but not the real I/O of an upload: a 120-s limit
+// on such a clock would end an upload after 2 real seconds. times() is not
+// faked, and a poll time-out is only a wait here: the limit is judged from
+// times() after each wake-up.
+class command_deadline {
+ public:
+  command_deadline(const char *command, unsigned seconds)
+      : cmd(command),
+        limit_s(seconds),
+        start_(now()),
+        ticks_(static_cast<unsigned long>(seconds) * limit_second_ms * hz() / 1000) {}
+  bool passed() const { return now() - start_ >= ticks_; }
+  // A poll time-out (ms, -1 for none) cut to what is left of the limit.
+  int bound(int timeout) const {
+    const unsigned long used = now() - start_;
+    const unsigned long left_ms = used >= ticks_ ? 0 : (ticks_ - used) * 1000 / hz() + 1;
+    return timeout >= 0 && static_cast<unsigned long>(timeout) < left_ms
+               ? timeout
+               : static_cast<int>(left_ms);
+  }
+  const char *const cmd;
+  const unsigned limit_s;
+
+ private:
+  static unsigned long now() {
+    struct tms t;
+    return static_cast<unsigned long>(times(&t));
+  }
+  static unsigned long hz() { return static_cast<unsigned long>(sysconf(_SC_CLK_TCK)); }
+  unsigned long start_;
+  unsigned long ticks_;
+};
+
+// Ends a command that ran past its limit: its whole process group, so that
+// what the shell started (a pipeline, a retrying upload) ends too. The
+// warning names only the program (the first word after a leading "cd
+// DIR;"): an upload's command holds the password.
+void command_kill(pid_t pid, const command_deadline &deadline) {
+  kill(-pid, SIGKILL);
+  const char *program = deadline.cmd;
+  if (strncmp(program, "cd ", 3) == 0 && strchr(program, ';'))
+    program = strchr(program, ';') + 1;
+  log_msg(WARN, "%.*s still running after %u s: killed with its process group\n",
+          static_cast<int>(strcspn(program, " ;|&")), program, deadline.limit_s);
+}
+
+// Starts "/bin/sh -c cmd" in a process group of its own; with out_fd >= 0
+// the child's stdout goes there.
 pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -38,16 +93,23 @@ pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
     posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, close_fd);
   }
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attr, 0);
   char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(cmd),
                         nullptr};
   pid_t pid = -1;
-  int rc = posix_spawn(&pid, "/bin/sh", &actions, nullptr, argv, environ);
+  int rc = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   return rc == 0 ? pid : -1;
 }
 
-// Waits for the child while reading its output (if any) and the feeds.
-int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max) {
+// Waits for the child while reading its output (if any) and the feeds;
+// kills it when its deadline passes (then *killed is set).
+int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
+               const command_deadline &deadline, bool *killed) {
   unique_fd pidfd(open_pidfd(pid));
   int status = 0;
   bool exited = false;
@@ -85,7 +147,7 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max) {
       break;
 
     int timeout = pid_slot >= 0 || exited ? -1 : CHILD_POLL_MS;
-    int ready = poll(fds, n, timeout);
+    int ready = poll(fds, n, deadline.bound(timeout));
     if (ready < 0) {
       if (errno == EINTR)
         continue;
@@ -111,6 +173,11 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max) {
       while (r < 0 && errno == EINTR);
       exited = true;
     }
+    if (deadline.passed() && !(exited && !out)) {
+      command_kill(pid, deadline);
+      *killed = true;
+      break;
+    }
   }
   if (!exited) {
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -119,14 +186,18 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max) {
   return status;
 }
 
-int real_system(const char *cmd) {
+int real_system(const char *cmd, unsigned limit_s) {
+  const command_deadline deadline(cmd, limit_s);
   pid_t pid = spawn_shell(cmd, -1, -1);
   if (pid < 0)
     return -1;
-  return wait_child(pid, unique_fd(), nullptr, 0);
+  bool killed = false;
+  const int status = wait_child(pid, unique_fd(), nullptr, 0, deadline, &killed);
+  return killed ? -1 : status;
 }
 
-int real_read(const char *cmd, std::string *out, size_t max) {
+int real_read(const char *cmd, std::string *out, size_t max, unsigned limit_s) {
+  const command_deadline deadline(cmd, limit_s);
   out->clear();
   int p[2];
   if (pipe2(p, O_CLOEXEC) != 0)
@@ -137,17 +208,25 @@ int real_read(const char *cmd, std::string *out, size_t max) {
   if (pid < 0)
     return -1;
   wr.reset();
-  return wait_child(pid, std::move(rd), out, max);
+  bool killed = false;
+  const int status = wait_child(pid, std::move(rd), out, max, deadline, &killed);
+  if (killed) {
+    out->clear();  // a listing cut anywhere, even inside a MAC
+    return -1;
+  }
+  return status;
 }
 
 }  // namespace
 
-int command_system(const char *cmd) {
-  return test_runner ? test_runner->run_system(cmd) : real_system(cmd);
+int command_system(const char *cmd, unsigned limit_s) {
+  return test_runner ? test_runner->run_system(cmd) : real_system(cmd, limit_s);
 }
 
-int command_read(const char *cmd, std::string *out, size_t max) {
-  return test_runner ? test_runner->run_read(cmd, out, max) : real_read(cmd, out, max);
+int command_read(const char *cmd, std::string *out, size_t max, unsigned limit_s) {
+  return test_runner ? test_runner->run_read(cmd, out, max) : real_read(cmd, out, max, limit_s);
 }
 
 void command_set_runner(command_runner *runner) { test_runner = runner; }
+
+void command_set_limit_second_ms(unsigned ms) { limit_second_ms = ms ? ms : 1000; }

@@ -6,13 +6,24 @@
 #include <cstddef>
 #include <string>
 
+// Seconds a command may run. One still running after its limit is killed
+// with its whole process group and logged at WARN with its program's name;
+// it then counts as a command that could not run. Transfers (zip, upload)
+// ask for the long limit; probes, listings and spool directories take the
+// short one.
+constexpr unsigned COMMAND_LIMIT_SHORT = 10;
+constexpr unsigned COMMAND_LIMIT_TRANSFER = 120;
+
 // Runs cmd with the daemon's standard output and error. Returns the wait
-// status as system(3) does, or -1 when no process could be started.
-int command_system(const char *cmd);
+// status as system(3) does, or -1 when no process could be started or it
+// was killed at its limit.
+int command_system(const char *cmd, unsigned limit_s = COMMAND_LIMIT_SHORT);
 // Runs cmd with its standard output captured into out (at most max bytes
 // kept, the rest read and discarded). Returns the wait status, or -1 when
-// no process could be started (then out is empty).
-int command_read(const char *cmd, std::string *out, size_t max);
+// no process could be started or it was killed at its limit (then out is
+// empty).
+int command_read(const char *cmd, std::string *out, size_t max,
+                 unsigned limit_s = COMMAND_LIMIT_SHORT);
 
 // Seam for tests: a runner that records commands and answers with canned
 // output instead of starting processes.
@@ -24,3 +35,6 @@ class command_runner {
 };
 // Null restores the real runner.
 void command_set_runner(command_runner *runner);
+// Seam for tests of the limits: how many milliseconds a second of a limit
+// lasts (1000, or 0 to restore that).
+void command_set_limit_second_ms(unsigned ms);

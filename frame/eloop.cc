@@ -7,6 +7,29 @@
 
 namespace {
 
+struct eloop_sock_entry {
+  int sock;
+  void *eloop_data;
+  void *user_data;
+  eloop_sock_handler handler;
+};
+
+struct eloop_sock_table {
+  int count;
+  eloop_sock_entry *entries;
+  int changed;
+};
+
+struct eloop_timeout_entry {
+  eloop_timeout_entry *next;
+  eloop_timeout_entry *prev;
+  int64_t sec;
+  int64_t usec;
+  void *eloop_data;
+  void *user_data;
+  eloop_timeout_handler handler;
+};
+
 struct eloop_data_t {
   int max_sock;
   eloop_sock_table readers;

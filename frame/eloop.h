@@ -9,29 +9,6 @@ using eloop_timeout_handler = void (*)(void *eloop_data, void *user_data);
 
 enum eloop_event_type { EVENT_TYPE_READ = 0, EVENT_TYPE_WRITE = 1, EVENT_TYPE_EXCEPTION = 2 };
 
-struct eloop_sock_entry {
-  int sock;
-  void *eloop_data;
-  void *user_data;
-  eloop_sock_handler handler;
-};
-
-struct eloop_sock_table {
-  int count;
-  eloop_sock_entry *entries;
-  int changed;
-};
-
-struct eloop_timeout_entry {
-  eloop_timeout_entry *next;
-  eloop_timeout_entry *prev;
-  int64_t sec;
-  int64_t usec;
-  void *eloop_data;
-  void *user_data;
-  eloop_timeout_handler handler;
-};
-
 // Clears all loop state. Always 0.
 int eloop_init();
 // Registers a handler for a descriptor in table 0, 1 or 2. -1 for a bad type,

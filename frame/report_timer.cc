@@ -2,14 +2,30 @@
 
 #include "frame/eloop.h"
 
-report_timer report_timer_list = {&report_timer_list, &report_timer_list, nullptr, nullptr, 0};
+report_timer report_timer_list = {
+    &report_timer_list, &report_timer_list, nullptr, nullptr, 0, {}, 0};
 
-void report_timer_init(report_timer *timer, void (*handler)(void *), uint32_t countdown) {
+namespace {
+
+unsigned owners;
+
+bool runs_before(const report_order &a, const report_order &b) {
+  return a.owner < b.owner || (a.owner == b.owner && a.phase < b.phase);
+}
+
+}  // namespace
+
+unsigned report_owner_new() { return owners++; }
+
+void report_timer_init(report_timer *timer, report_result (*handler)(void *), uint32_t period,
+                       report_order order) {
   timer->next = timer;
   timer->prev = timer;
   timer->handler = handler;
   timer->arg = nullptr;
-  timer->countdown = countdown;
+  timer->period = period;
+  timer->order = order;
+  timer->countdown = period;
 }
 
 void report_timer_start() {
@@ -18,10 +34,13 @@ void report_timer_start() {
 
 void report_timer_add(report_timer *timer) {
   report_timer *head = &report_timer_list;
-  timer->next = head;
-  timer->prev = head->prev;
-  head->prev->next = timer;
-  head->prev = timer;
+  report_timer *pos = head;  // insert before pos
+  while (pos->prev != head && runs_before(timer->order, pos->prev->order))
+    pos = pos->prev;
+  timer->next = pos;
+  timer->prev = pos->prev;
+  pos->prev->next = timer;
+  pos->prev = timer;
 }
 
 void report_timer_tick(void *eloop_data, void *) {
@@ -29,10 +48,12 @@ void report_timer_tick(void *eloop_data, void *) {
   for (report_timer *t = head->next; t != head; t = t->next) {
     if (!t->handler)
       continue;
-    if (t->countdown > REPORT_TICK_SECONDS)
+    if (t->countdown > REPORT_TICK_SECONDS) {
       t->countdown -= REPORT_TICK_SECONDS;
-    else
-      t->handler(t->arg);
+      continue;
+    }
+    const report_result result = t->handler(t->arg);
+    t->countdown = result == report_result::done ? t->period : REPORT_TICK_SECONDS;
   }
   eloop_add_timeout(REPORT_TICK_SECONDS, 0, report_timer_tick, head, nullptr);
 }

@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "fuzz/fuzz_support.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "netbar/netbar_terminal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

@@ -9,7 +9,7 @@
 #include "config/config.h"
 #include "frame/command.h"
 #include "frame/eloop.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "tests/private_tmp.h"
 
 namespace {

@@ -1,10 +1,10 @@
 // The netbar group's periodic records: place, vendor, and two records per
 // access point.
-#include <iterator>
+#include "netbar/netbar_basic.h"
 
 #include "config/identity.h"
 #include "frame/log.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 #include "output/wtps_scan.h"
 
@@ -14,23 +14,23 @@ report_timer basic_0001_timer, basic_0002_timer, basic_0003_1_timer, basic_0003_
 
 // The place: the terminal group's place record with three more empty
 // columns before the vendor code, which has other texts here.
-constexpr bcp_column basic_0001_tail[] = {
+constexpr bcp_fixed_column basic_0001_tail[] = {
     {{"G020010", "ACCESS_TYPE", "场所网络接入方式"}, bcp_put_empty},
     {{"B020001", "OPERATOR_NET", "场所网络接入服务商"}, bcp_put_empty},
     {{"I070016", "AUTH_ACCOUNT", "网络接入账号或固定IP地址 ACSSES_IP"}, bcp_put_empty},
     {{"G020013", "CODE_ALLOCATION_ORGANIZATION", "安全厂商组织机构代码"}, bcp_put_org_code},
 };
-constexpr auto basic_0001_columns = bcp_join(BCP_PLACE_COLUMNS, basic_0001_tail);
+constexpr auto basic_0001_columns = bcp_join<bcp_fixed_record>(BCP_PLACE_COLUMNS, basic_0001_tail);
 
 // The vendor, with other texts for its address than the terminal group's.
-constexpr bcp_column basic_0002_address[] = {
+constexpr bcp_fixed_column basic_0002_address[] = {
     {{"G020037", "ADDRESS", "厂商地址 SECURITY_SOFTWARE_"}, bcp_put_org_address},
 };
 constexpr auto basic_0002_columns =
-    bcp_join(BCP_VENDOR_NAME_CODE, basic_0002_address, BCP_VENDOR_CONTACT);
+    bcp_join<bcp_fixed_record>(BCP_VENDOR_NAME_CODE, basic_0002_address, BCP_VENDOR_CONTACT);
 
 // An access point of a fixed place.
-constexpr bcp_column basic_0003_1_columns[] = {
+constexpr bcp_column<ap_record> basic_0003_1_columns[] = {
     {{"I070011", "COLLECTION_EQUIPMENT_ID", "AP设备编号"}, bcp_put_ap_equipment_id},
     {{"F030011", "AP_MAC", "AP设备MAC地址"}, bcp_put_ap_mac},
     {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
@@ -40,7 +40,7 @@ constexpr bcp_column basic_0003_1_columns[] = {
 };
 
 // An access point on a vehicle or subway line.
-constexpr bcp_column basic_0003_2_columns[] = {
+constexpr bcp_column<ap_record> basic_0003_2_columns[] = {
     {{"I070011", "COLLECTION_EQUIPMENT_ID", "AP设备编号"}, bcp_put_ap_equipment_id},
     {{"F030011", "AP_MAC", "AP设备MAC地址"}, bcp_put_ap_mac},
     {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
@@ -53,64 +53,67 @@ constexpr bcp_column basic_0003_2_columns[] = {
 
 bcp_dataset *dataset(int index) { return &netbar_group.datasets[index]; }
 
-int netbar_basic_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(NETBAR_BASIC_0001), basic_0001_columns, nullptr);
+// The writers: the place, the vendor, and two records for one scanned
+// access point. They log under the names their records have always been
+// logged under.
+int netbar_basic_0001_write() {
+  return bcp_emit("netbar_basic_0001_business_handle", dataset(NETBAR_BASIC_0001),
+                  basic_0001_columns, bcp_fixed_record{});
 }
 
-int netbar_basic_0002_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(NETBAR_BASIC_0002), basic_0002_columns, nullptr);
+int netbar_basic_0002_write() {
+  return bcp_emit("netbar_basic_0002_business_handle", dataset(NETBAR_BASIC_0002),
+                  basic_0002_columns, bcp_fixed_record{});
 }
 
-int netbar_basic_0003_1_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  return bcp_emit_ap_record(__func__, dataset(NETBAR_BASIC_0003_1), basic_0003_1_columns,
-                            va_arg(*ap, char *), true);
+int netbar_basic_0003_1_write(const char *mac) {
+  return bcp_emit_ap_record("netbar_basic_0003_1_business_handle", dataset(NETBAR_BASIC_0003_1),
+                            basic_0003_1_columns, mac, true);
 }
 
-int netbar_basic_0003_2_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  return bcp_emit_ap_record(__func__, dataset(NETBAR_BASIC_0003_2), basic_0003_2_columns,
-                            va_arg(*ap, char *), true);
+int netbar_basic_0003_2_write(const char *mac) {
+  return bcp_emit_ap_record("netbar_basic_0003_2_business_handle", dataset(NETBAR_BASIC_0003_2),
+                            basic_0003_2_columns, mac, true);
 }
 
-void netbar_basic_0001_report_timer(void *) {
-  bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0001, 0);
-  basic_0001_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+report_result netbar_basic_0001_report_timer(void *) {
+  netbar_basic_0001_write();
+  return report_result::done;
 }
 
-void netbar_basic_0002_report_timer(void *) {
-  bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0002, 0);
-  basic_0002_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+report_result netbar_basic_0002_report_timer(void *) {
+  netbar_basic_0002_write();
+  return report_result::done;
 }
 
-void netbar_basic_0003_1_report_timer(void *) {
-  wtps_scan(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0003_1, &basic_0003_1_timer, __func__);
+report_result netbar_basic_0003_1_report_timer(void *) {
+  return wtps_scan(netbar_basic_0003_1_write, __func__);
 }
 
-void netbar_basic_0003_2_report_timer(void *) {
-  wtps_scan(QZ2FH_NETBAR_TYPE, NETBAR_BASIC_0003_2, &basic_0003_2_timer, __func__);
+report_result netbar_basic_0003_2_report_timer(void *) {
+  return wtps_scan(netbar_basic_0003_2_write, __func__);
 }
 
 }  // namespace
 
 void netbar_basic_0001_init() {
   bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0001), "WA_BASIC_FJ_0001", basic_0001_columns,
-                            BCP_STYLE_PLAIN, netbar_basic_0001_business_handle, &basic_0001_timer,
-                            netbar_basic_0001_report_timer);
+                            BCP_STYLE_PLAIN, &basic_0001_timer, netbar_basic_0001_report_timer);
 }
 
 void netbar_basic_0002_init() {
   bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0002), "WA_BASIC_FJ_0002", basic_0002_columns,
-                            BCP_STYLE_PLAIN, netbar_basic_0002_business_handle, &basic_0002_timer,
-                            netbar_basic_0002_report_timer);
+                            BCP_STYLE_PLAIN, &basic_0002_timer, netbar_basic_0002_report_timer);
 }
 
 void netbar_basic_0003_1_init() {
-  bcp_periodic_dataset_init(
-      dataset(NETBAR_BASIC_0003_1), "WA_BASIC_FJ_0003_1", basic_0003_1_columns, BCP_STYLE_PLAIN,
-      netbar_basic_0003_1_business_handle, &basic_0003_1_timer, netbar_basic_0003_1_report_timer);
+  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_1), "WA_BASIC_FJ_0003_1",
+                            basic_0003_1_columns, BCP_STYLE_PLAIN, &basic_0003_1_timer,
+                            netbar_basic_0003_1_report_timer);
 }
 
 void netbar_basic_0003_2_init() {
-  bcp_periodic_dataset_init(
-      dataset(NETBAR_BASIC_0003_2), "WA_BASIC_FJ_0003_2", basic_0003_2_columns, BCP_STYLE_PLAIN,
-      netbar_basic_0003_2_business_handle, &basic_0003_2_timer, netbar_basic_0003_2_report_timer);
+  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_2), "WA_BASIC_FJ_0003_2",
+                            basic_0003_2_columns, BCP_STYLE_PLAIN, &basic_0003_2_timer,
+                            netbar_basic_0003_2_report_timer);
 }

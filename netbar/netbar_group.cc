@@ -1,24 +1,24 @@
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 
 #include <cstdio>
 
 #include "config/identity.h"
 #include "frame/log.h"
+#include "netbar/netbar_basic.h"
+#include "netbar/netbar_netlink.h"
+#include "netbar/netbar_terminal.h"
 #include "output/archive.h"
-#include "output/spool.h"
 
 bcp_group netbar_group;
 
-void netbar_report_timer(void *) {
-  group_archive_cycle(&netbar_group, true);
+report_result netbar_report_timer(void *) {
+  group_archive_cycle(&netbar_group);
+  return report_result::done;
 }
 
 void netbar_group_init() {
-  bcp_group_register(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer");
-  report_timer_init(&netbar_group.timer, netbar_report_timer, REPORT_COUNTDOWN_SECONDS);
-  report_timer_add(&netbar_group.timer);
-  qz2fh_delete_dir_file(QZ2FH_NETBAR_TYPE, &netbar_group.state);
-  qz2fh_create_dir(QZ2FH_NETBAR_TYPE, &netbar_group.state);
+  bcp_group_init(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer",
+                 netbar_report_timer);
   netbar_init_sock();
   init_netbar_0002();
   netbar_basic_0001_init();

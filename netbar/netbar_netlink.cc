@@ -1,5 +1,7 @@
 // The kernel netlink feed: the router's kernel module reports traffic
 // events of the place network's terminals; HTTP events become records.
+#include "netbar/netbar_netlink.h"
+
 #include <arpa/inet.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
@@ -15,8 +17,7 @@
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
 #include "frame/log.h"
-#include "netbar/netbar.h"
-#include "netbar/netbar_netlink.h"
+#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 
 namespace {
@@ -47,84 +48,51 @@ uint16_t read_u16(const uint8_t *p) {
   return v;
 }
 
-int bcp_dispatch_http(const char *mac, int app, uint32_t ip, uint16_t port, uint32_t src_ip,
-                      uint16_t src_port_start, uint16_t src_port_end, uint32_t dst_ip,
-                      uint16_t dst_port) {
-  return bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_SOURCE_0002, 9, mac, app, ip,
-                      static_cast<unsigned>(port), src_ip, static_cast<unsigned>(src_port_start),
-                      static_cast<unsigned>(src_port_end), dst_ip, static_cast<unsigned>(dst_port));
-}
-
-void http_event(const netlink_http_event &ev) {
-  bcp_dispatch_http(ev.mac, 1, ev.ip, ev.port, HTTP_SRC_IP, HTTP_SRC_PORT, HTTP_SRC_PORT, ev.dst_ip,
-                    ev.dst_port);
-}
-
-// Context of one WA_SOURCE_FJ_0002 record: the nine event arguments and
-// what the handler derives from them.
+// Context of one WA_SOURCE_FJ_0002 record: the event, and what the writer
+// derives from it.
 struct http_record {
-  const char *app;
-  uint32_t ip;
-  uint16_t port;
-  uint32_t src_ip;
-  uint16_t src_port_start, src_port_end;
-  uint32_t dst_ip;
-  uint16_t dst_port;
-  const char *session_id;
-  const char *mac;
-  const char *equipment_id;
-  const char *ap_mac;
+  explicit http_record(const netlink_http_event &e) : event(e) {}
+  const netlink_http_event &event;
   unsigned long long capture_time;
+  char session_id[NETBAR_SESSION_ID_SIZE];
+  char mac[sizeof(netlink_http_event::mac)];
+  char ap_mac[sizeof(wifi_info::ap_mac)];
+  char equipment_id[24];
 };
 
-const http_record &ctx_of(const void *ctx) { return *static_cast<const http_record *>(ctx); }
+// Every record of this dataset is an HTTP event (network application 1)
+// from the same source address and ports.
+void put_http_app(bcp_line &l) { l.put_decimal(1); }
+void put_http_src_ip(bcp_line &l) { l.put_decimal(HTTP_SRC_IP); }
+void put_http_src_port(bcp_line &l) { l.put_decimal(HTTP_SRC_PORT); }
 
-bool src_ports_set(const http_record &r) { return r.src_port_start != 0 || r.src_port_end != 0; }
+void put_session_id(bcp_line &l, const http_record &r) { l.put(r.session_id); }
+void put_ip(bcp_line &l, const http_record &r) { l.put_decimal(r.event.ip); }
+void put_port(bcp_line &l, const http_record &r) { l.put_decimal(r.event.port); }
+void put_dst_ip(bcp_line &l, const http_record &r) {
+  if (r.event.dst_ip != 0)
+    l.put_decimal(r.event.dst_ip);
+}
+void put_dst_port(bcp_line &l, const http_record &r) { l.put_decimal(r.event.dst_port); }
+void put_mac(bcp_line &l, const http_record &r) { l.put(r.mac); }
+void put_equipment_id(bcp_line &l, const http_record &r) { l.put(r.equipment_id); }
+void put_ap_mac(bcp_line &l, const http_record &r) { l.put(r.ap_mac); }
+void put_capture_time(bcp_line &l, const http_record &r) { l.put_decimal(r.capture_time); }
 
-void put_session_id(bcp_line &l, const void *c) { l.put(ctx_of(c).session_id); }
-void put_app(bcp_line &l, const void *c) { l.put(ctx_of(c).app); }
-void put_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).ip); }
-void put_port(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).port); }
-void put_src_ip(bcp_line &l, const void *c) {
-  if (ctx_of(c).src_ip != 0)
-    l.put_decimal(ctx_of(c).src_ip);
-}
-void put_src_port_start(bcp_line &l, const void *c) {
-  if (src_ports_set(ctx_of(c)))
-    l.put_decimal(ctx_of(c).src_port_start);
-}
-void put_src_port_end(bcp_line &l, const void *c) {
-  if (src_ports_set(ctx_of(c)))
-    l.put_decimal(ctx_of(c).src_port_end);
-}
-// Without source ports the IPv6 port columns carry 0.
-void put_src_port_v6(bcp_line &l, const void *c) {
-  if (!src_ports_set(ctx_of(c)))
-    l.put_decimal(0u);
-}
-void put_dst_ip(bcp_line &l, const void *c) {
-  if (ctx_of(c).dst_ip != 0)
-    l.put_decimal(ctx_of(c).dst_ip);
-}
-void put_dst_port(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).dst_port); }
-void put_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).mac); }
-void put_equipment_id(bcp_line &l, const void *c) { l.put(ctx_of(c).equipment_id); }
-void put_ap_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).ap_mac); }
-void put_capture_time(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).capture_time); }
-
-constexpr bcp_column source_0002_columns[] = {
+constexpr bcp_column<http_record> source_0002_columns[] = {
     {{"H010013", "SESSIONID", "会话ID"}, put_session_id},
     {{"G020004", "NETSERVERPORT_WACODE", "上网服务场所编码"}, bcp_put_wacode},
-    {{"H010041", "NETWORK_APP", "网络应用服务类型"}, put_app},
+    {{"H010041", "NETWORK_APP", "网络应用服务类型"}, put_http_app},
     {{"F020001", "IP_ADDRESS", "场所内网IP地址"}, put_ip},
     {{"F020003", "PORT", "场所内网端口号"}, put_port},
-    {{"F020004", "SRC_IP", "源外网IPv4地址"}, put_src_ip},
-    // No IPv6 address reaches the daemon.
+    {{"F020004", "SRC_IP", "源外网IPv4地址"}, put_http_src_ip},
+    // No IPv6 address reaches the daemon; with IPv4 source ports the IPv6
+    // port columns stay empty.
     {{"F020010", "SRC_IPV6", "源外网IPv6地址"}, bcp_put_empty},
-    {{"F020019", "SRC_PORT_START", "源外网IPv4起始端口号"}, put_src_port_start},
-    {{"F020020", "SRC_PORT_END", "源外网IPv4结束端口号"}, put_src_port_end},
-    {{"F020021", "SRC_PORT_START_V6", "源外网IPv6起始端口号"}, put_src_port_v6},
-    {{"F020022", "SRC_PORT_END_V6", "源外网IPv6结束端口号"}, put_src_port_v6},
+    {{"F020019", "SRC_PORT_START", "源外网IPv4起始端口号"}, put_http_src_port},
+    {{"F020020", "SRC_PORT_END", "源外网IPv4结束端口号"}, put_http_src_port},
+    {{"F020021", "SRC_PORT_START_V6", "源外网IPv6起始端口号"}, bcp_put_empty},
+    {{"F020022", "SRC_PORT_END_V6", "源外网IPv6结束端口号"}, bcp_put_empty},
     {{"F020005", "DST_IP", "目的公网IPv4地址"}, put_dst_ip},
     {{"F020011", "DST_IPV6", "目的公网IPv6地址"}, bcp_put_empty},
     {{"F020007", "DST_PORT", "目的公网IPv4端口号"}, put_dst_port},
@@ -137,46 +105,26 @@ constexpr bcp_column source_0002_columns[] = {
     {{"H010014", "CAPTURE_TIME", "日志记录时间"}, put_capture_time},
 };
 
-int netbar_0002_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  const char *mac_arg = va_arg(*ap, const char *);
-  const int app = va_arg(*ap, int);
-  http_record r;
-  r.ip = va_arg(*ap, uint32_t);
-  r.port = static_cast<uint16_t>(va_arg(*ap, unsigned));
-  r.src_ip = va_arg(*ap, uint32_t);
-  r.src_port_start = static_cast<uint16_t>(va_arg(*ap, unsigned));
-  r.src_port_end = static_cast<uint16_t>(va_arg(*ap, unsigned));
-  r.dst_ip = va_arg(*ap, uint32_t);
-  r.dst_port = static_cast<uint16_t>(va_arg(*ap, unsigned));
-  if (!mac_arg)
-    return 1;
+}  // namespace
 
-  char app_text[32];
-  snprintf(app_text, sizeof(app_text), "%d", app);
-  r.app = app_text;
+int netbar_0002_write(const netlink_http_event &event) {
+  // Logged under the name its records have always been logged under.
+  static const char func[] = "netbar_0002_business_handle";
+  http_record r(event);
   r.capture_time = static_cast<unsigned long long>(time(nullptr));
-  char session_id[NETBAR_SESSION_ID_SIZE];
-  netbar_session_id(session_id, mac_arg, r.capture_time);
-  r.session_id = session_id;
-
-  const wifi_info *wifi = qz2fh_get_wifi_info(mac_arg);
+  netbar_session_id(r.session_id, event.mac, r.capture_time);
+  const wifi_info *wifi = qz2fh_get_wifi_info(event.mac);
   if (!wifi) {
-    log_msg(DEBUG, "can not find access mac:%s\n", mac_arg);
+    log_msg_as(func, DEBUG, "can not find access mac:%s\n", event.mac);
     return 1;
   }
-  char ap_mac[sizeof(wifi->ap_mac)];
-  memcpy(ap_mac, wifi->ap_mac, sizeof(ap_mac));
-  bcp_mac_to_record_form(ap_mac);
-  char mac[64];
-  snprintf(mac, sizeof(mac), "%s", mac_arg);
-  bcp_mac_to_record_form(mac);
-  char equipment_id[24];
-  snprintf(equipment_id, sizeof(equipment_id), "%s", qz2fh_get_equipment_id(ap_mac));
-  r.mac = mac;
-  r.ap_mac = ap_mac;
-  r.equipment_id = equipment_id;
-  return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0002], source_0002_columns, &r);
+  bcp_mac_record_form(wifi->ap_mac, r.ap_mac, sizeof(r.ap_mac));
+  bcp_mac_record_form(event.mac, r.mac, sizeof(r.mac));
+  snprintf(r.equipment_id, sizeof(r.equipment_id), "%s", qz2fh_get_equipment_id(r.ap_mac));
+  return bcp_emit(func, &netbar_group.datasets[NETBAR_SOURCE_0002], source_0002_columns, r);
 }
+
+namespace {
 
 // A message header for one buffer and a netlink address.
 msghdr one_buffer_msg(sockaddr_nl *addr, iovec *iov) {
@@ -283,7 +231,7 @@ void netbar_netlink_process(const uint8_t *data, size_t len) {
   switch (ev.type) {
     case QZ_HTTP_DATA:
       log_msg_as(func, DEBUG, "recv QZ_HTTP_DATA\n");
-      http_event(ev.http);
+      netbar_0002_write(ev.http);
       break;
     case QZ_APP_DATA:
       log_msg_as(func, DEBUG, "recv QZ_APP_DATA\n");
@@ -299,8 +247,7 @@ void netbar_netlink_process(const uint8_t *data, size_t len) {
 
 void init_netbar_0002() {
   bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0002], "WA_SOURCE_FJ_0002",
-                   bcp_make_template(source_0002_columns, BCP_STYLE_WIDE_CLOSE),
-                   netbar_0002_business_handle);
+                   bcp_make_template(source_0002_columns, BCP_STYLE_WIDE_CLOSE));
   netlink_fd = open_netlink_socket();
   if (netlink_fd < 0) {
     log_msg(ERROR, "netbar 0002 init socket fail\n");

@@ -21,7 +21,18 @@ struct netlink_event {
   netlink_http_event http;
 };
 
+// The kernel netlink feed and WA_SOURCE_FJ_0002: sets up the dataset, then
+// the socket and its read callback, and registers with the kernel side.
+void init_netbar_0002();
+// Handles one netlink message as received (at most 1040 bytes).
+void netbar_netlink_process(const uint8_t *data, size_t len);
+
 // Reads an event message, never past len; false when it is too short. The
 // header's nlmsg_len is not consulted: the fields used all lie in the first
 // NETLINK_MSG_MIN bytes, which a message of that length holds.
 bool netlink_parse(const uint8_t *data, size_t len, netlink_event *ev);
+
+// Writes the event's WA_SOURCE_FJ_0002 record. 0 when written, 1 when the
+// terminal's access point is unknown, no file could be opened or the line
+// was refused.
+int netbar_0002_write(const netlink_http_event &event);

@@ -21,7 +21,7 @@
 #include "frame/paths.h"
 #include "frame/str_table.h"
 #include "frame/text.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 
 namespace {
@@ -58,10 +58,6 @@ const auth_type_entry *auth_lookup(std::string_view token) {
   return nullptr;
 }
 
-int bcp_dispatch_terminal(unsigned online, netbar_terminal *rec) {
-  return bcp_dispatch(QZ2FH_NETBAR_TYPE, NETBAR_SOURCE_0001, 2, online, rec);
-}
-
 void netbar_terminal_offline(const netbar_shell_msg &msg) {
   char mac[QZ_MAC_TEXT_MAX + 1];
   if (msg.count < 1 || !qz2fh_mac_text_ok(msg.tokens[0]) ||
@@ -72,7 +68,7 @@ void netbar_terminal_offline(const netbar_shell_msg &msg) {
   auto *rec = static_cast<netbar_terminal *>(str_table_get(netbar_terminal_table, mac));
   if (!rec)
     return;
-  bcp_dispatch_terminal(0, rec);
+  netbar_0001_write(false, *rec);
   str_table_del(netbar_terminal_table, mac);
 }
 
@@ -127,42 +123,43 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
     text_copy(msg.tokens[0], rec->account, sizeof(rec->account));
   }
   str_table_put(netbar_terminal_table, rec->key, rec);
-  bcp_dispatch_terminal(1, rec);
+  netbar_0001_write(true, *rec);
 }
 
-// Context of one WA_SOURCE_FJ_0001 record.
+// Context of one WA_SOURCE_FJ_0001 record: the terminal, and the record
+// forms of its values.
 struct terminal_record {
-  const netbar_terminal *rec;
-  const char *mac;  // in record form
+  terminal_record(const netbar_terminal &t, bool on) : terminal(t), online(on) {}
+  const netbar_terminal &terminal;
   bool online;
+  char mac[sizeof(netbar_terminal::key)];
+  char ap_mac[sizeof(netbar_terminal::ap_mac)];
   unsigned long long end_time;
-  const char *equipment_id;
-  const char *session_id;
+  char equipment_id[24];
+  char session_id[NETBAR_SESSION_ID_SIZE];
   uint32_t ip_number;
   uint32_t src_ip_number;
 };
 
-const terminal_record &ctx_of(const void *ctx) {
-  return *static_cast<const terminal_record *>(ctx);
+void put_auth_type(bcp_line &l, const terminal_record &r) { l.put(r.terminal.auth_type); }
+void put_account(bcp_line &l, const terminal_record &r) { l.put(r.terminal.account); }
+void put_start_time(bcp_line &l, const terminal_record &r) {
+  l.put_decimal(r.terminal.online_time);
 }
-
-void put_auth_type(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->auth_type); }
-void put_account(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->account); }
-void put_start_time(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).rec->online_time); }
-void put_end_time(bcp_line &l, const void *c) {
-  if (!ctx_of(c).online)
-    l.put_decimal(ctx_of(c).end_time);
+void put_end_time(bcp_line &l, const terminal_record &r) {
+  if (!r.online)
+    l.put_decimal(r.end_time);
 }
-void put_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).ip_number); }
-void put_src_ip(bcp_line &l, const void *c) { l.put_decimal(ctx_of(c).src_ip_number); }
+void put_ip(bcp_line &l, const terminal_record &r) { l.put_decimal(r.ip_number); }
+void put_src_ip(bcp_line &l, const terminal_record &r) { l.put_decimal(r.src_ip_number); }
 void put_port_80(bcp_line &l) { l.put_signed(80); }
-void put_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).mac); }
-void put_equipment_id(bcp_line &l, const void *c) { l.put(ctx_of(c).equipment_id); }
-void put_ap_mac(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->ap_mac); }
-void put_session_id(bcp_line &l, const void *c) { l.put(ctx_of(c).session_id); }
-void put_field_strength(bcp_line &l, const void *c) { l.put(ctx_of(c).rec->field_strength); }
+void put_mac(bcp_line &l, const terminal_record &r) { l.put(r.mac); }
+void put_equipment_id(bcp_line &l, const terminal_record &r) { l.put(r.equipment_id); }
+void put_ap_mac(bcp_line &l, const terminal_record &r) { l.put(r.ap_mac); }
+void put_session_id(bcp_line &l, const terminal_record &r) { l.put(r.session_id); }
+void put_field_strength(bcp_line &l, const terminal_record &r) { l.put(r.terminal.field_strength); }
 
-constexpr bcp_column source_0001_columns[] = {
+constexpr bcp_column<terminal_record> source_0001_columns[] = {
     {{"B040021", "AUTH_TYPE", "认证类型"}, put_auth_type},
     {{"B040022", "AUTH_ACCOUNT", "认证帐号"}, put_account},
     {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
@@ -202,31 +199,21 @@ constexpr bcp_column source_0001_columns[] = {
 // Eight tabs between items, the wide closing.
 constexpr bcp_template_style SOURCE_0001_STYLE = {8, 7};
 
-int netbar_0001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  const unsigned online = va_arg(*ap, unsigned);
-  auto *rec = va_arg(*ap, netbar_terminal *);
-  if (!rec)
-    return 0;
-  char mac[sizeof(rec->key)];
-  memcpy(mac, rec->key, sizeof(mac));
-  bcp_mac_to_record_form(mac);
-  bcp_mac_to_record_form(rec->ap_mac);
-  terminal_record t;
-  t.rec = rec;
-  t.mac = mac;
-  t.online = online != 0;
-  t.end_time = static_cast<unsigned long long>(time(nullptr));
-  char equipment_id[24];
-  snprintf(equipment_id, sizeof(equipment_id), "%s", qz2fh_get_equipment_id(rec->ap_mac));
-  t.equipment_id = equipment_id;
-  char session_id[NETBAR_SESSION_ID_SIZE];
-  netbar_session_id(session_id, mac, rec->online_time);
-  t.session_id = session_id;
-  t.ip_number = netbar_ipv4_number(rec->ip);
+}  // namespace
+
+int netbar_0001_write(bool online, const netbar_terminal &terminal) {
+  terminal_record r(terminal, online);
+  bcp_mac_record_form(terminal.key, r.mac, sizeof(r.mac));
+  bcp_mac_record_form(terminal.ap_mac, r.ap_mac, sizeof(r.ap_mac));
+  r.end_time = static_cast<unsigned long long>(time(nullptr));
+  snprintf(r.equipment_id, sizeof(r.equipment_id), "%s", qz2fh_get_equipment_id(r.ap_mac));
+  netbar_session_id(r.session_id, r.mac, terminal.online_time);
+  r.ip_number = netbar_ipv4_number(terminal.ip);
   const char *route_ip = qz2fh_get_route_ip();
-  t.src_ip_number = route_ip ? netbar_ipv4_number(route_ip) : 0;
-  return bcp_emit(__func__, &netbar_group.datasets[NETBAR_SOURCE_0001], source_0001_columns, &t) ==
-                 0
+  r.src_ip_number = route_ip ? netbar_ipv4_number(route_ip) : 0;
+  // Logged under the name its records have always been logged under.
+  return bcp_emit("netbar_0001_business_handle", &netbar_group.datasets[NETBAR_SOURCE_0001],
+                  source_0001_columns, r) == 0
              ? 0
              : -1;
 }
@@ -245,8 +232,6 @@ ssize_t shell_receive(int sock, uint8_t *buf, size_t cap) {
 }
 
 int shell_feed = -1;
-
-}  // namespace
 
 void netbar_recv_callback(int, void *, void *) { feed_queue_serve(shell_feed); }
 
@@ -278,15 +263,14 @@ const char *netbar_shell_parse(const uint8_t *data, size_t len, netbar_shell_msg
   if (len < SHELL_HEADER)
     return "shorter than its command type";
   memcpy(&msg->cmd, data, SHELL_HEADER);
-  const char *text = reinterpret_cast<const char *>(data + SHELL_HEADER);
-  const size_t text_len = len - SHELL_HEADER;
-  const void *nul = memchr(text, '\0', text_len);
-  if (!nul)
+  const std::string_view text(reinterpret_cast<const char *>(data + SHELL_HEADER),
+                              len - SHELL_HEADER);
+  const size_t nul = text.find('\0');
+  if (nul == std::string_view::npos)
     return "text without a terminator";
-  msg->text = text;
+  msg->text = text.data();
   msg->count =
-      static_cast<int>(text_split(std::string_view(text, static_cast<const char *>(nul) - text),
-                                  msg->tokens, std::size(msg->tokens)));
+      static_cast<int>(text_split(text.substr(0, nul), msg->tokens, std::size(msg->tokens)));
   return nullptr;
 }
 
@@ -338,6 +322,5 @@ void netbar_init_sock() {
                                                         shell_recv_failed});
   }
   bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
-                   bcp_make_template(source_0001_columns, SOURCE_0001_STYLE),
-                   netbar_0001_business_handle);
+                   bcp_make_template(source_0001_columns, SOURCE_0001_STYLE));
 }

@@ -12,12 +12,17 @@ struct netbar_terminal {
   char account[64];
   char ip[24];
   unsigned long long online_time;
-  char ap_mac[32];  // access point serving the terminal; rewritten too
+  char ap_mac[32];  // access point serving the terminal, as its status line gives it
   char field_strength[32];
-  // The MAC as received: the table's key, owned here. Records show it in
-  // record form, rewritten from this text each time.
+  // The MAC as received: the table's key, owned here.
   char key[32];
 };
+
+// Writes the terminal's WA_SOURCE_FJ_0001 record: online, or offline with
+// the current time as its end. Records show the MACs in record form; the
+// terminal is left as it is. 0 when written, -1 when no file could be
+// opened or the line was refused.
+int netbar_0001_write(bool online, const netbar_terminal &terminal);
 
 enum { NETBAR_CMD_OFFLINE = 2, NETBAR_CMD_ONLINE = 3 };
 
@@ -35,6 +40,12 @@ struct netbar_shell_msg {
 // Splits a datagram, never reading past len. Returns null, or why the
 // datagram cannot be used (then msg->cmd may still be set).
 const char *netbar_shell_parse(const uint8_t *data, size_t len, netbar_shell_msg *msg);
+
+// The online/offline feed and WA_SOURCE_FJ_0001: creates the terminal
+// table and the socket, registers the read callback, sets up the dataset.
+void netbar_init_sock();
+// Handles one datagram as received (at most 260 bytes).
+void netbar_shell_process(const uint8_t *data, size_t len);
 
 // The little-endian reading of an address's four network-order bytes, as
 // the platform expects it: 192.168.1.10 gives 167880896. 4294967295 for a

@@ -5,7 +5,6 @@
 
 #include "config/config.h"
 #include "frame/log.h"
-#include "frame/paths.h"
 #include "output/spool.h"
 
 constexpr char BCP_INDEX_HEADER[] =
@@ -33,10 +32,9 @@ void close_open_files(bcp_group *g) {
 }
 
 bool write_index(bcp_group *g) {
-  bcp_group_state &st = g->state;
-  snprintf(st.index_path, sizeof(st.index_path), QZ_SPOOL_DIR_FORMAT "/%s", static_cast<int>(g->id),
-           "GAB_ZIP_INDEX.xml");
-  FILE *fp = fopen(st.index_path, "a+e");
+  char index_path[SPOOL_PATH_SIZE];
+  snprintf(index_path, sizeof(index_path), "%s/%s", g->spool.path, "GAB_ZIP_INDEX.xml");
+  FILE *fp = fopen(index_path, "a+e");
   if (!fp)
     return false;
   fputs(BCP_INDEX_HEADER, fp);
@@ -55,7 +53,7 @@ bool write_index(bcp_group *g) {
 
 }  // namespace
 
-void group_archive_cycle(bcp_group *g, bool scheduled) {
+void group_archive_cycle(bcp_group *g) {
   close_open_files(g);
   if (g->bcp_file_count != 0) {
     if (write_index(g)) {
@@ -65,13 +63,11 @@ void group_archive_cycle(bcp_group *g, bool scheduled) {
       snprintf(st.zip_name, sizeof(st.zip_name), "%d-%s-%s-%s-%llu-%05d.zip",
                static_cast<int>(g->id), qz2fh_get_org_code(), qz2fh_get_source_str(),
                qz2fh_get_dst_str(), now, sequence);
-      qz2fh_form_zip_file(static_cast<int>(g->id), &st);
-      qz2fh_send_zip_file(static_cast<int>(g->id), &st);
+      qz2fh_form_zip_file(g);
+      qz2fh_send_zip_file(g);
       log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", st.zip_name);
     }
-    qz2fh_delete_dir_file(static_cast<int>(g->id), &g->state);
+    qz2fh_delete_dir_file(g->spool);
   }
-  if (scheduled)
-    g->timer.countdown = REPORT_COUNTDOWN_SECONDS;
   g->bcp_file_count = 0;
 }

@@ -1,33 +1,24 @@
-// The dataset registry and the BCP writing frame: every record of the
-// daemon reaches its file through bcp_dispatch and bcp_write_line.
+// Datasets, their groups and the BCP writing frame: every record of the
+// daemon reaches its file through bcp_write_line.
 #pragma once
 
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 
 #include "frame/report_timer.h"
+#include "output/spool.h"
 
 constexpr uint32_t QZ2FH_TERMINAL_TYPE = 146;
 constexpr uint32_t QZ2FH_NETBAR_TYPE = 145;
-// The device status report's spool directory; not a dataset group.
-constexpr uint32_t QZ2FH_STATUS_DIR_ID = 144;
 
 constexpr uint16_t BCP_MAX_RECORDS = 5000;
 constexpr int BCP_FILE_LIST_SIZE = 256;
 constexpr int BCP_GROUP_DATASETS = 6;
-constexpr int BCP_GROUP_TABLE_SIZE = 256;
 constexpr size_t BCP_NAME_SIZE = 256;
 
 struct bcp_dataset;
 struct bcp_group;
 struct bcp_line_plan;
-
-// Builds one record from the dataset's own variadic arguments and appends
-// it. 0 when written (or nothing to write), non-zero when refused or when
-// no file could be opened.
-using bcp_business_handler = int (*)(uint32_t group, uint32_t index, uint8_t argc, va_list *ap,
-                                     bcp_dataset *datasets);
 
 struct bcp_dataset {
   FILE *fp;                    // current file, null while none is open
@@ -35,9 +26,8 @@ struct bcp_dataset {
   const char *index_template;  // printf template of its index block; null if it never writes
   uint16_t record_count;       // records in the current file
   char file_name[BCP_NAME_SIZE];
-  bcp_business_handler handler;
   uint16_t bcp_sequence;  // sequence number of the next file, wrapping
-  bcp_group *group;       // set when the group is registered
+  bcp_group *group;       // set by bcp_group_init
   bcp_line_plan *plan;    // its line's fixed parts, made on first use
 };
 
@@ -51,14 +41,13 @@ struct bcp_file_entry {
 struct bcp_group_state {
   uint16_t zip_sequence;
   char zip_name[BCP_NAME_SIZE];
-  char index_path[BCP_NAME_SIZE];
-  char spool_dir[BCP_NAME_SIZE];
 };
 
 // One dataset group: its datasets, the files finished in the current
-// cycle, its archive state and its archive timer.
+// cycle, its spool directory, its archive state and its archive timer.
 struct bcp_group {
   uint32_t id;
+  spool_dir spool;
   const char *log_tag;     // e.g. "QZ2FH_TERMINAL_TYPE"
   const char *cycle_name;  // name under which the archive cycle logs
   bcp_dataset datasets[BCP_GROUP_DATASETS];
@@ -68,19 +57,14 @@ struct bcp_group {
   report_timer timer;
 };
 
-extern bcp_group *bcp_group_table[BCP_GROUP_TABLE_SIZE];
-
-// Names the group and stores it at its id, linking its datasets to it.
-// Groups live in zeroed static storage (their lists are large) and get
-// their identity here.
-void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name);
-// Fills a dataset descriptor: no open file, its code, template and handler.
-void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                      bcp_business_handler handler);
-
-// Calls the handler of dataset index of group with the arguments after
-// argc. 0 without calling anything when the group is not registered.
-int bcp_dispatch(uint32_t group, uint32_t index, unsigned argc, ...);
+// Names the group, links its datasets to it, schedules its archive timer
+// every 300 s, and empties and creates its spool directory. Groups live in
+// zeroed static storage (their lists are large) and get their identity
+// here.
+void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
+                    report_result (*archive_timer)(void *));
+// Fills a dataset descriptor: no open file, its code and template.
+void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template);
 
 // The writing frame: opens the dataset's next file if none is open,
 // appends the line, and finishes the file at BCP_MAX_RECORDS. 0, or 1 when

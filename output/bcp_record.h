@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "frame/log.h"
+#include "config/config.h"
 #include "output/bcp_dataset.h"
 
 constexpr size_t BCP_LINE_SIZE = 4096;
@@ -47,30 +47,42 @@ struct bcp_column_text {
 
 // Writes a value that depends only on the configuration and constants.
 using bcp_fixed_fn = void (*)(bcp_line &line);
-// Writes one record's value from its context (each dataset has its own
-// context type).
-using bcp_value_fn = void (*)(bcp_line &line, const void *ctx);
 
-// One column: its index texts and how its value is written, either fixed
-// for the run or taken from each record.
-struct bcp_column {
-  constexpr bcp_column() : text{}, fixed(nullptr), value(nullptr) {}
-  constexpr bcp_column(bcp_column_text t, bcp_fixed_fn f) : text(t), fixed(f), value(nullptr) {}
-  constexpr bcp_column(bcp_column_text t, bcp_value_fn v) : text(t), fixed(nullptr), value(v) {}
+// A column whose value is the same for every record of the run; runs of
+// these are shared by datasets of any context.
+struct bcp_fixed_column {
   bcp_column_text text;
   bcp_fixed_fn fixed;
-  bcp_value_fn value;
 };
 
-// Joins column lists (arrays) into one table at compile time, for datasets
-// that share runs of columns.
-template <typename... Lists>
+// One column of a dataset whose records are built from a Ctx: its index
+// texts and how its value is written, either fixed for the run or read
+// from each record's context.
+template <typename Ctx>
+struct bcp_column {
+  using value_fn = void (*)(bcp_line &line, const Ctx &ctx);
+  constexpr bcp_column() = default;
+  constexpr bcp_column(bcp_column_text t, bcp_fixed_fn f) : text(t), fixed(f) {}
+  constexpr bcp_column(bcp_column_text t, value_fn v) : text(t), value(v) {}
+  // A shared fixed column taken into a table.
+  constexpr bcp_column(const bcp_fixed_column &c) : text(c.text), fixed(c.fixed) {}
+  bcp_column_text text{};
+  bcp_fixed_fn fixed = nullptr;
+  value_fn value = nullptr;
+};
+
+// The context of a dataset whose columns are all fixed.
+struct bcp_fixed_record {};
+
+// Joins column lists (arrays of bcp_column<Ctx> or bcp_fixed_column) into
+// one table at compile time, for datasets that share runs of columns.
+template <typename Ctx, typename... Lists>
 constexpr auto bcp_join(const Lists &...lists) {
-  std::array<bcp_column, (std::extent_v<Lists> + ...)> table{};
+  std::array<bcp_column<Ctx>, (std::extent_v<Lists> + ...)> table{};
   size_t k = 0;
   auto append = [&table, &k](const auto &list) {
-    for (const bcp_column &c : list)
-      table[k++] = c;
+    for (const auto &c : list)
+      table[k++] = bcp_column<Ctx>(c);
   };
   (append(lists), ...);
   return table;
@@ -91,6 +103,13 @@ struct bcp_line_plan {
   std::vector<piece> pieces;
 };
 
+// The dataset's plan, made on first use; it lives as long as the dataset.
+inline bcp_line_plan &bcp_dataset_plan(bcp_dataset *ds) {
+  if (!ds->plan)
+    ds->plan = new bcp_line_plan;
+  return *ds->plan;
+}
+
 // The differences between datasets' index templates.
 struct bcp_template_style {
   int sep_tabs;    // tabs after each column item but the last
@@ -99,42 +118,68 @@ struct bcp_template_style {
 constexpr bcp_template_style BCP_STYLE_PLAIN = {7, 6};
 constexpr bcp_template_style BCP_STYLE_WIDE_CLOSE = {7, 7};
 
-// The index block template for a column list: the common head with its six
-// conversions, then the column description. The text lives as long as the
-// process.
-const char *bcp_make_template(const bcp_column *cols, size_t count, bcp_template_style style);
-
-// Writes every column's value, each followed by a tab, the last by a line
-// feed, through the plan of the columns (made on first use). False when the
-// line does not fit.
-bool bcp_build_line(bcp_line &line, bcp_line_plan &plan, const bcp_column *cols, size_t count,
-                    const void *ctx);
-
-// Sets up a dataset written by its own 300-s timer: the descriptor with
-// the template of its columns, and the timer appended to the scheduler.
-void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const bcp_column *cols,
-                               size_t count, bcp_template_style style, bcp_business_handler handler,
-                               report_timer *timer, void (*timer_handler)(void *));
-
-// Builds the dataset's record, logs it under func as
-// "<group tag>-<dataset code>:<line>" and appends it by the writing frame.
-// 1 when the line is refused or no file could be opened.
-int bcp_emit(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t count,
-             const void *ctx);
-
-// The same taking a column table (array) whole.
+// The index block template for a list of column texts: the common head
+// with its six conversions, then the column description. The text lives as
+// long as the process.
+const char *bcp_make_template(const bcp_column_text *texts, size_t count, bcp_template_style style);
 template <typename Table>
 const char *bcp_make_template(const Table &cols, bcp_template_style style) {
-  return bcp_make_template(std::data(cols), std::size(cols), style);
+  std::vector<bcp_column_text> texts;
+  for (const auto &c : cols)
+    texts.push_back(c.text);
+  return bcp_make_template(texts.data(), texts.size(), style);
 }
-template <typename Table>
-int bcp_emit(const char *func, bcp_dataset *ds, const Table &cols, const void *ctx) {
-  return bcp_emit(func, ds, std::data(cols), std::size(cols), ctx);
+
+// Renders the fixed columns (fixed[i], null for a per-record column) into
+// the plan's runs, for the current configuration.
+void bcp_plan_make(bcp_line_plan &plan, const bcp_fixed_fn *fixed, size_t count);
+
+// Writes every column's value, each followed by a tab, the last by a line
+// feed, through the plan of the columns (made again after each
+// configuration load). False when the line does not fit.
+template <typename Ctx>
+bool bcp_build_line(bcp_line &line, bcp_line_plan &plan, const bcp_column<Ctx> *cols, size_t count,
+                    const Ctx &ctx) {
+  if (plan.generation != qz2fh_config_generation()) {
+    std::vector<bcp_fixed_fn> fixed;
+    for (size_t i = 0; i < count; i++)
+      fixed.push_back(cols[i].fixed);
+    bcp_plan_make(plan, fixed.data(), count);
+  }
+  if (!plan.fits)
+    return false;
+  for (const bcp_line_plan::piece &p : plan.pieces) {
+    if (p.column < 0)
+      line.put(std::string_view(plan.text.data() + p.offset, p.length));
+    else
+      cols[p.column].value(line, ctx);
+  }
+  return line.ok();
 }
+
+// Logs a record built (or refused) for ds under func, as "<group
+// tag>-<dataset code>:<line>", and appends it by the writing frame. 1 when
+// the line was refused or no file could be opened.
+int bcp_emit_line(const char *func, bcp_dataset *ds, const bcp_line &line, bool built);
+
+// Builds the dataset's record from ctx through its column table and emits
+// it.
+template <typename Ctx, typename Table>
+int bcp_emit(const char *func, bcp_dataset *ds, const Table &cols, const Ctx &ctx) {
+  bcp_line line;
+  const bool built =
+      bcp_build_line(line, bcp_dataset_plan(ds), std::data(cols), std::size(cols), ctx);
+  return bcp_emit_line(func, ds, line, built);
+}
+
+// Sets up a dataset written by its own 300-s timer: the descriptor with
+// the template of its columns, and the timer, which runs in its group's
+// records phase.
+void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
+                               report_timer *timer, report_result (*timer_handler)(void *));
 template <typename Table>
 void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const Table &cols,
-                               bcp_template_style style, bcp_business_handler handler,
-                               report_timer *timer, void (*timer_handler)(void *)) {
-  bcp_periodic_dataset_init(ds, name, std::data(cols), std::size(cols), style, handler, timer,
-                            timer_handler);
+                               bcp_template_style style, report_timer *timer,
+                               report_result (*timer_handler)(void *)) {
+  bcp_periodic_dataset_init(ds, name, bcp_make_template(cols, style), timer, timer_handler);
 }

@@ -1,5 +1,7 @@
 #include "output/bcp_values.h"
 
+#include <cstring>
+
 #include "config/config.h"
 #include "config/identity.h"
 
@@ -19,18 +21,16 @@ void bcp_put_netbar_type_str(bcp_line &l) { l.put(qz2fh_get_netbar_type_str()); 
 void bcp_put_netbar_property_str(bcp_line &l) { l.put(qz2fh_get_netbar_property_str()); }
 void bcp_put_equipment_name(bcp_line &l) { l.put(qz2fh_get_equipment_name()); }
 
-void bcp_put_ap_equipment_id(bcp_line &l, const void *ctx) {
-  l.put(static_cast<const ap_record *>(ctx)->equipment_id);
-}
-void bcp_put_ap_mac(bcp_line &l, const void *ctx) {
-  l.put(static_cast<const ap_record *>(ctx)->ap_mac);
-}
+void bcp_put_ap_equipment_id(bcp_line &l, const ap_record &rec) { l.put(rec.equipment_id); }
+void bcp_put_ap_mac(bcp_line &l, const ap_record &rec) { l.put(rec.ap_mac); }
 
-void bcp_mac_to_record_form(char *mac) {
-  for (char *p = mac; *p; p++) {
-    if (*p == ':')
-      *p = '-';
-    else if (*p >= 'a' && *p <= 'z')
-      *p = static_cast<char>(*p - 'a' + 'A');
+void bcp_mac_record_form(const char *mac, char *out, size_t size) {
+  if (size == 0)
+    return;
+  const size_t n = strnlen(mac, size - 1);
+  for (size_t i = 0; i < n; i++) {
+    const char c = mac[i];
+    out[i] = c == ':' ? '-' : c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   }
+  out[n] = '\0';
 }

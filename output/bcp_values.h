@@ -1,6 +1,9 @@
 // Column values shared by many datasets.
 #pragma once
 
+#include <cstddef>
+
+#include "config/identity.h"
 #include "output/bcp_record.h"
 
 // Values that depend on no record: configuration and constants.
@@ -20,23 +23,28 @@ void bcp_put_netbar_type_str(bcp_line &line);
 void bcp_put_netbar_property_str(bcp_line &line);
 void bcp_put_equipment_name(bcp_line &line);
 
-// Context of the per-access-point records.
+// Context of the per-access-point records: one scanned MAC. Not copied:
+// ap_mac may point into it.
 struct ap_record {
-  const char *equipment_id;  // from the access point's MAC
-  const char *ap_mac;        // the MAC, rewritten where the dataset wants it
-  unsigned long long now;    // time the record is built
+  ap_record() = default;
+  ap_record(const ap_record &) = delete;
+  ap_record &operator=(const ap_record &) = delete;
+  const char *equipment_id;               // from the access point's MAC
+  const char *ap_mac;                     // the MAC as the record shows it
+  unsigned long long now;                 // time the record is built
+  char record_form[QZ_MAC_TEXT_MAX + 1];  // the MAC in record form, where a dataset shows that
 };
-void bcp_put_ap_equipment_id(bcp_line &line, const void *ctx);
-void bcp_put_ap_mac(bcp_line &line, const void *ctx);
+void bcp_put_ap_equipment_id(bcp_line &line, const ap_record &rec);
+void bcp_put_ap_mac(bcp_line &line, const ap_record &rec);
 
-// Rewrites a MAC in place into record form: ":" becomes "-", letters upper
-// case (aa:bb:cc:dd:ee:0f becomes AA-BB-CC-DD-EE-0F). Doing it twice
-// changes nothing.
-void bcp_mac_to_record_form(char *mac);
+// Writes the record form of a MAC into out (cut to size): ":" becomes
+// "-", letters upper case (aa:bb:cc:dd:ee:0f gives AA-BB-CC-DD-EE-0F). The
+// record form of a record form is itself.
+void bcp_mac_record_form(const char *mac, char *out, size_t size);
 
 // Runs of columns that the two groups' place and vendor records share.
 // The place: the first thirteen columns of both place records.
-inline constexpr bcp_column BCP_PLACE_COLUMNS[] = {
+inline constexpr bcp_fixed_column BCP_PLACE_COLUMNS[] = {
     {{"G020004", "NETBAR_WACODE", "上网服务场所编码"}, bcp_put_wacode},
     {{"F040002", "PLACE_NAME", "上网服务场所名称"}, bcp_put_netbar_name},
     {{"G020017", "SITE_ADDRESS", "场所详细地址"}, bcp_put_address},
@@ -53,11 +61,11 @@ inline constexpr bcp_column BCP_PLACE_COLUMNS[] = {
 };
 // The vendor: its name and code, then (after its address, whose texts
 // differ between the groups) its contact.
-inline constexpr bcp_column BCP_VENDOR_NAME_CODE[] = {
+inline constexpr bcp_fixed_column BCP_VENDOR_NAME_CODE[] = {
     {{"G020014", "SECURITY_SOFTWARE_ORGNAME", "厂商名称"}, bcp_put_org_name},
     {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
 };
-inline constexpr bcp_column BCP_VENDOR_CONTACT[] = {
+inline constexpr bcp_fixed_column BCP_VENDOR_CONTACT[] = {
     {{"E020017", "CONTACTOR", "联系人"}, bcp_put_contactor},
     {{"E020020", "CONTACTOR_TEL", "联系人电话"}, bcp_put_org_tel_num},
     {{"E020023", "CONTACTOR_MAIL", "联系人邮件"}, bcp_put_org_mail},

@@ -6,14 +6,11 @@
 #include "frame/command.h"
 #include "frame/log.h"
 #include "frame/paths.h"
+#include "output/bcp_dataset.h"
 
 namespace {
 
 constexpr size_t COMMAND_SIZE = 512;
-
-void set_spool_dir(int id, bcp_group_state *st) {
-  snprintf(st->spool_dir, sizeof(st->spool_dir), QZ_SPOOL_DIR_FORMAT, id);
-}
 
 // A command cut to its buffer could run something else than meant.
 bool command_fits(int n, const char *func) {
@@ -67,33 +64,37 @@ std::string url_credential(std::string_view text) {
   return out;
 }
 
-void qz2fh_create_dir(int id, bcp_group_state *st) {
-  set_spool_dir(id, st);
+spool_dir spool_dir_of(uint32_t id) {
+  spool_dir dir;
+  snprintf(dir.path, sizeof(dir.path), QZ_SPOOL_DIR_FORMAT, static_cast<int>(id));
+  return dir;
+}
+
+void qz2fh_create_dir(const spool_dir &dir) {
   char cmd[COMMAND_SIZE];
-  snprintf(cmd, sizeof(cmd), "mkdir %s 2>/dev/null", st->spool_dir);
+  snprintf(cmd, sizeof(cmd), "mkdir %s 2>/dev/null", dir.path);
   log_msg(DEBUG, "%s\n", cmd);
   command_system(cmd);
 }
 
-int qz2fh_delete_dir_file(int id, bcp_group_state *st) {
-  set_spool_dir(id, st);
+int qz2fh_delete_dir_file(const spool_dir &dir) {
   char cmd[COMMAND_SIZE];
-  snprintf(cmd, sizeof(cmd), "rm %s/* 2>/dev/null", st->spool_dir);
+  snprintf(cmd, sizeof(cmd), "rm %s/* 2>/dev/null", dir.path);
   log_msg(DEBUG, "%s\n", cmd);
   return command_system(cmd);
 }
 
-void qz2fh_form_zip_file(int id, bcp_group_state *st) {
-  set_spool_dir(id, st);
-  char zip_path[BCP_NAME_SIZE];
-  snprintf(zip_path, sizeof(zip_path), "%s/%s", st->spool_dir, st->zip_name);
+void qz2fh_form_zip_file(const bcp_group *group) {
+  const char *dir = group->spool.path;
+  char zip_path[SPOOL_PATH_SIZE];
+  snprintf(zip_path, sizeof(zip_path), "%s/%s", dir, group->state.zip_name);
   char cmd[COMMAND_SIZE];
-  int n = snprintf(cmd, sizeof(cmd), "cd %s;zip -m %s ./* 2>/dev/null", st->spool_dir,
+  int n = snprintf(cmd, sizeof(cmd), "cd %s;zip -m %s ./* 2>/dev/null", dir,
                    shell_word(zip_path).c_str());
   if (!command_fits(n, __func__))
     return;
   log_msg(DEBUG, "%s\n", cmd);
-  command_system(cmd);
+  command_system(cmd, COMMAND_LIMIT_TRANSFER);
 }
 
 namespace {
@@ -117,18 +118,17 @@ void send_file(const char *local_path, const char *remote_dir) {
   snprintf(shown, sizeof(shown), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
            user.c_str(), "[KEY DATA REMOVED]", host.c_str(), port.c_str(), remote.c_str());
   log_msg_as(func, DEBUG, "system cmd: %s\n", shown);
-  command_system(cmd);
+  command_system(cmd, COMMAND_LIMIT_TRANSFER);
 }
 
 }  // namespace
 
-void qz2fh_send_zip_file(int id, bcp_group_state *st) {
+void qz2fh_send_zip_file(const bcp_group *group) {
   char local_path[COMMAND_SIZE];
-  snprintf(local_path, sizeof(local_path), "/%s/%d/%s", "tmp", id, st->zip_name);
-  set_spool_dir(id, st);
-  send_file(local_path, st->spool_dir);
+  snprintf(local_path, sizeof(local_path), "%s/%s", group->spool.path, group->state.zip_name);
+  send_file(local_path, group->spool.path);
 }
 
-void qz2fh_send_file(const char *local_path, const char *remote_dir) {
-  send_file(local_path, remote_dir);
+void qz2fh_send_file(const char *local_path, const spool_dir &dir) {
+  send_file(local_path, dir.path);
 }

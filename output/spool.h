@@ -1,21 +1,35 @@
 // Spool directories and upload, through standard shell commands.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "output/bcp_dataset.h"
+struct bcp_group;
 
-// "mkdir /tmp/<id> 2>/dev/null".
-void qz2fh_create_dir(int id, bcp_group_state *st);
-// "rm /tmp/<id>/* 2>/dev/null"; returns the command's wait status.
-int qz2fh_delete_dir_file(int id, bcp_group_state *st);
-// Moves every file of the spool directory into the zip st->zip_name there.
-void qz2fh_form_zip_file(int id, bcp_group_state *st);
-// Uploads /tmp/<id>/<zip_name> with wput to the configured FTP server.
-void qz2fh_send_zip_file(int id, bcp_group_state *st);
+constexpr size_t SPOOL_PATH_SIZE = 256;
+
+// A spool directory, /tmp/<id>: where a group's files, or the status
+// report's, wait to be zipped and sent. Its path is also the remote
+// directory of its uploads.
+struct spool_dir {
+  char path[SPOOL_PATH_SIZE];
+};
+// The spool directory of id: the one place its path is made.
+spool_dir spool_dir_of(uint32_t id);
+
+// "mkdir <dir> 2>/dev/null".
+void qz2fh_create_dir(const spool_dir &dir);
+// "rm <dir>/* 2>/dev/null"; returns the command's wait status.
+int qz2fh_delete_dir_file(const spool_dir &dir);
+// Moves every file of the group's spool directory into its zip
+// (state.zip_name) there.
+void qz2fh_form_zip_file(const bcp_group *group);
+// Uploads the group's zip with wput to the configured FTP server.
+void qz2fh_send_zip_file(const bcp_group *group);
 // Uploads any file of a spool directory the same way (the status report).
-void qz2fh_send_file(const char *local_path, const char *remote_dir);
+void qz2fh_send_file(const char *local_path, const spool_dir &dir);
 
 // Backslash-escapes what the shell would interpret in an unquoted word;
 // ordinary names, addresses and numbers come out unchanged.

@@ -5,53 +5,31 @@
 #include "config/identity.h"
 #include "config/wtps.h"
 #include "frame/log.h"
-#include "output/bcp_dataset.h"
-#include "output/bcp_values.h"
 
-namespace {
-
-struct scan_target {
-  uint32_t group;
-  uint32_t index;
-};
-
-bool dispatch_mac(char *mac, void *arg) {
-  const auto *t = static_cast<const scan_target *>(arg);
-  bcp_dispatch_mac(t->group, t->index, mac);
-  return true;
-}
-
-}  // namespace
-
-int bcp_dispatch_mac(uint32_t group, uint32_t index, const char *mac) {
-  return bcp_dispatch(group, index, 1, mac);
-}
-
-void wtps_scan(uint32_t group, uint32_t index, report_timer *timer, const char *caller) {
-  scan_target target{group, index};
-  switch (wtps_read(caller, dispatch_mac, &target)) {
+report_result wtps_scan(bcp_mac_writer write, const char *caller) {
+  switch (wtps_read(caller, [write](const char *mac) {
+    write(mac);
+    return true;
+  })) {
     case WTPS_FAILED:
       log_msg_as(caller, DEBUG, "wum -c wtps fail\n");
-      return;
+      return report_result::retry;
     case WTPS_CUT:
       log_msg_as(caller, DEBUG, "mac is null\n");
       break;
     case WTPS_DONE:
       break;
   }
-  timer->countdown = REPORT_COUNTDOWN_SECONDS;
+  return report_result::done;
 }
 
-int bcp_emit_ap_record(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t count,
-                       char *mac, bool record_form) {
-  if (!mac)
-    return 1;
+void ap_record_make(ap_record *rec, const char *func, const char *mac, bool record_form) {
   log_msg_as(func, DEBUG, "mac:%s\n", mac);
-  ap_record rec;
-  rec.now = static_cast<unsigned long long>(time(nullptr));
-  rec.equipment_id = qz2fh_get_equipment_id(mac);
-  if (record_form)
-    bcp_mac_to_record_form(mac);
-  rec.ap_mac = mac;
-  return bcp_emit(func, ds, cols, count, &rec);
+  rec->now = static_cast<unsigned long long>(time(nullptr));
+  rec->equipment_id = qz2fh_get_equipment_id(mac);
+  rec->ap_mac = mac;
+  if (record_form) {
+    bcp_mac_record_form(mac, rec->record_form, sizeof(rec->record_form));
+    rec->ap_mac = rec->record_form;
+  }
 }

@@ -1,30 +1,26 @@
 // The access-point scan of the per-access-point datasets.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <iterator>
-
 #include "frame/report_timer.h"
+#include "output/bcp_record.h"
+#include "output/bcp_values.h"
 
-// Lists the access points with "wum -c wtps" and dispatches each MAC to
-// dataset index of group, logging under caller. Restores the timer's
-// countdown, except when wum could not be started: then the scheduler
-// tries again on its next tick.
-void wtps_scan(uint32_t group, uint32_t index, report_timer *timer, const char *caller);
+// Writes one per-access-point record for a scanned MAC.
+using bcp_mac_writer = int (*)(const char *mac);
 
-// Typed entry for the datasets that take one MAC.
-int bcp_dispatch_mac(uint32_t group, uint32_t index, const char *mac);
+// Lists the access points with "wum -c wtps" and writes each MAC's record,
+// logging under caller. Retry when wum could not be started.
+report_result wtps_scan(bcp_mac_writer write, const char *caller);
 
-struct bcp_column;
-struct bcp_dataset;
-// The record of a per-access-point dataset for one scanned MAC, logged
-// under func. With record_form the MAC (in the scan's buffer) is first
-// rewritten to record form. 1 for a null MAC.
-int bcp_emit_ap_record(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t count,
-                       char *mac, bool record_form);
+// The context of the per-access-point record of mac, logged under func;
+// with record_form the record shows the MAC in record form.
+void ap_record_make(ap_record *rec, const char *func, const char *mac, bool record_form);
+
+// Writes the record of a per-access-point dataset for one scanned MAC.
 template <typename Table>
-int bcp_emit_ap_record(const char *func, bcp_dataset *ds, const Table &cols, char *mac,
+int bcp_emit_ap_record(const char *func, bcp_dataset *ds, const Table &cols, const char *mac,
                        bool record_form) {
-  return bcp_emit_ap_record(func, ds, std::data(cols), std::size(cols), mac, record_form);
+  ap_record rec;
+  ap_record_make(&rec, func, mac, record_form);
+  return bcp_emit(func, ds, cols, rec);
 }

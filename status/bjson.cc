@@ -10,10 +10,8 @@
 #include "config/identity.h"
 #include "config/wtps.h"
 #include "frame/log.h"
-#include "frame/paths.h"
 #include "frame/report_timer.h"
 #include "frame/str_table.h"
-#include "output/bcp_dataset.h"
 #include "output/spool.h"
 
 namespace {
@@ -26,13 +24,16 @@ struct bjson_node {
   char name[36];        // its MAC text as listed; the table's key
 };
 
+// The report's spool directory; the report is not a dataset group.
+constexpr uint32_t STATUS_DIR_ID = 144;
+
 bjson_node bjson_node_list = {&bjson_node_list, &bjson_node_list, 0, {}};
 GHashTable *bjson_node_table;
 uint16_t bjson_sequence;
 report_timer bjson_timer;
-bcp_group_state status_state;
+spool_dir status_dir;
 
-bool count_node(char *name, void *) {
+bool count_node(const char *name) {
   auto *node = static_cast<bjson_node *>(str_table_get(bjson_node_table, name));
   if (node) {
     node->seen_count++;
@@ -54,7 +55,7 @@ bool count_node(char *name, void *) {
 
 // True when the whole listing was read into the node list.
 bool bjson_update_node_list() {
-  switch (wtps_read(__func__, count_node, nullptr)) {
+  switch (wtps_read(__func__, count_node)) {
     case WTPS_FAILED:
       log_msg(DEBUG, "wum -c wtps fail\n");
       return false;
@@ -95,35 +96,34 @@ int write_nodes(FILE *fp) {
 
 }  // namespace
 
-void bjson_report_timer(void *) {
+report_result bjson_report_timer(void *) {
   if (bjson_update_node_list()) {
-    char path[BCP_NAME_SIZE];
-    snprintf(path, sizeof(path), QZ_SPOOL_DIR_FORMAT "/145-%s-%llu-%d-DEVICESTATUS-0.bjson",
-             static_cast<int>(QZ2FH_STATUS_DIR_ID), qz2fh_get_source_str(),
-             static_cast<unsigned long long>(time(nullptr)), static_cast<int>(bjson_sequence++));
+    char path[SPOOL_PATH_SIZE];
+    snprintf(path, sizeof(path), "%s/145-%s-%llu-%d-DEVICESTATUS-0.bjson", status_dir.path,
+             qz2fh_get_source_str(), static_cast<unsigned long long>(time(nullptr)),
+             static_cast<int>(bjson_sequence++));
     FILE *fp = fopen(path, "a+e");
     if (fp) {
       const int lines = write_nodes(fp);
       fclose(fp);
       if (lines > 0) {
-        char remote_dir[BCP_NAME_SIZE];
-        snprintf(remote_dir, sizeof(remote_dir), QZ_SPOOL_DIR_FORMAT,
-                 static_cast<int>(QZ2FH_STATUS_DIR_ID));
-        qz2fh_send_file(path, remote_dir);
+        qz2fh_send_file(path, status_dir);
         log_msg(DEBUG, "send bjson file :%s\n", path);
       }
     }
   }
-  qz2fh_delete_dir_file(QZ2FH_STATUS_DIR_ID, &status_state);
-  bjson_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+  qz2fh_delete_dir_file(status_dir);
+  return report_result::done;
 }
 
 void bjson_report_init() {
   bjson_node_table = str_table_new();
   if (!bjson_node_table)
     return;
-  report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS);
+  report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS,
+                    {report_owner_new(), report_phase::records});
   report_timer_add(&bjson_timer);
-  qz2fh_delete_dir_file(QZ2FH_STATUS_DIR_ID, &status_state);
-  qz2fh_create_dir(QZ2FH_STATUS_DIR_ID, &status_state);
+  status_dir = spool_dir_of(STATUS_DIR_ID);
+  qz2fh_delete_dir_file(status_dir);
+  qz2fh_create_dir(status_dir);
 }

@@ -7,7 +7,6 @@
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/bcp_values.h"
-#include "output/spool.h"
 #include "output/wtps_scan.h"
 
 bcp_group source_group;
@@ -25,15 +24,13 @@ enum {
 
 report_timer basic_1001_timer, basic_1002_timer, basic_1003_timer, basic_1004_timer;
 
-void put_ap_time(bcp_line &l, const void *ctx) {
-  l.put_decimal(static_cast<const ap_record *>(ctx)->now);
-}
+void put_ap_time(bcp_line &l, const ap_record &rec) { l.put_decimal(rec.now); }
 void put_equipment_type(bcp_line &l) { l.put_signed(qz2fh_get_equipment_type()); }
 void put_upload_interval(bcp_line &l) { l.put_signed(300); }
 void put_collection_radius(bcp_line &l) { l.put_signed(150); }
 
 // Access-point presence.
-constexpr bcp_column basic_1001_columns[] = {
+constexpr bcp_column<ap_record> basic_1001_columns[] = {
     {{"I070011", "COLLECTION_EQUIPMENTID", "采集设备编号"}, bcp_put_ap_equipment_id},
     {{"G020004", "NETBAR_WACODE", "场所编号"}, bcp_put_wacode},
     {{"F010018", "COLLECTION_EQUIPMENT_LONGITUDE", "采集设备经度"}, bcp_put_longitude},
@@ -42,7 +39,7 @@ constexpr bcp_column basic_1001_columns[] = {
 };
 
 // Collection equipment, one per access point.
-constexpr bcp_column basic_1002_columns[] = {
+constexpr bcp_column<ap_record> basic_1002_columns[] = {
     {{"G020004", "NETBAR_WACODE", "场所编号"}, bcp_put_wacode},
     {{"I070011", "COLLECTION_EQUIPMENTID", "采集设备编号"}, bcp_put_ap_equipment_id},
     {{"I070012", "COLLECTION_EQUIPMENT_NAME", "采集设备名称"}, bcp_put_equipment_name},
@@ -60,103 +57,100 @@ constexpr bcp_column basic_1002_columns[] = {
 };
 
 // The place.
-constexpr bcp_column basic_1003_vendor_code[] = {
+constexpr bcp_fixed_column basic_1003_vendor_code[] = {
     {{"G020013", "SECURITY_SOFTWARE_ORGCODE", "厂商组织机构代码"}, bcp_put_org_code},
 };
-constexpr auto basic_1003_columns = bcp_join(BCP_PLACE_COLUMNS, basic_1003_vendor_code);
+constexpr auto basic_1003_columns =
+    bcp_join<bcp_fixed_record>(BCP_PLACE_COLUMNS, basic_1003_vendor_code);
 
 // The vendor.
-constexpr bcp_column basic_1004_address[] = {
+constexpr bcp_fixed_column basic_1004_address[] = {
     {{"G020037", "SECURITY_SOFTWARE_ADDRESS", "厂商地址"}, bcp_put_org_address},
 };
 constexpr auto basic_1004_columns =
-    bcp_join(BCP_VENDOR_NAME_CODE, basic_1004_address, BCP_VENDOR_CONTACT);
+    bcp_join<bcp_fixed_record>(BCP_VENDOR_NAME_CODE, basic_1004_address, BCP_VENDOR_CONTACT);
 
 bcp_dataset *dataset(int index) { return &source_group.datasets[index]; }
 
 // The two source datasets of this group are registered but never write.
-int source_1001_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) { return 0; }
-int source_1002_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) { return 0; }
+void source_1001_init() { bcp_dataset_init(dataset(SOURCE_1001), "WA_SOURCE_FJ_1001", nullptr); }
 
-void source_1001_init() {
-  bcp_dataset_init(dataset(SOURCE_1001), "WA_SOURCE_FJ_1001", nullptr, source_1001_business_handle);
+void source_1002_init() { bcp_dataset_init(dataset(SOURCE_1002), "WA_SOURCE_FJ_1002", nullptr); }
+
+}  // namespace
+
+// Writers log under the names their records have always been logged under.
+int source_basic_1001_write(const char *mac) {
+  return bcp_emit_ap_record("source_basic_1001_business_handle", dataset(BASIC_1001),
+                            basic_1001_columns, mac, false);
 }
 
-void source_1002_init() {
-  bcp_dataset_init(dataset(SOURCE_1002), "WA_SOURCE_FJ_1002", nullptr, source_1002_business_handle);
+int source_basic_1002_write(const char *mac) {
+  return bcp_emit_ap_record("source_basic_1002_business_handle", dataset(BASIC_1002),
+                            basic_1002_columns, mac, false);
 }
 
-int source_basic_1001_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  return bcp_emit_ap_record(__func__, dataset(BASIC_1001), basic_1001_columns, va_arg(*ap, char *),
-                            false);
+int source_basic_1003_write() {
+  return bcp_emit("source_basic_1003_business_handle", dataset(BASIC_1003), basic_1003_columns,
+                  bcp_fixed_record{});
 }
 
-int source_basic_1002_business_handle(uint32_t, uint32_t, uint8_t, va_list *ap, bcp_dataset *) {
-  return bcp_emit_ap_record(__func__, dataset(BASIC_1002), basic_1002_columns, va_arg(*ap, char *),
-                            false);
+int source_basic_1004_write() {
+  return bcp_emit("source_basic_1004_business_handle", dataset(BASIC_1004), basic_1004_columns,
+                  bcp_fixed_record{});
 }
 
-int source_basic_1003_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(BASIC_1003), basic_1003_columns, nullptr);
+namespace {
+
+report_result source_basic_1001_report_timer(void *) {
+  return wtps_scan(source_basic_1001_write, __func__);
 }
 
-int source_basic_1004_business_handle(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *) {
-  return bcp_emit(__func__, dataset(BASIC_1004), basic_1004_columns, nullptr);
+report_result source_basic_1002_report_timer(void *) {
+  return wtps_scan(source_basic_1002_write, __func__);
 }
 
-void source_basic_1001_report_timer(void *) {
-  wtps_scan(QZ2FH_TERMINAL_TYPE, BASIC_1001, &basic_1001_timer, __func__);
+report_result source_basic_1003_report_timer(void *) {
+  source_basic_1003_write();
+  return report_result::done;
 }
 
-void source_basic_1002_report_timer(void *) {
-  wtps_scan(QZ2FH_TERMINAL_TYPE, BASIC_1002, &basic_1002_timer, __func__);
-}
-
-void source_basic_1003_report_timer(void *) {
-  bcp_dispatch(QZ2FH_TERMINAL_TYPE, BASIC_1003, 0);
-  basic_1003_timer.countdown = REPORT_COUNTDOWN_SECONDS;
-}
-
-void source_basic_1004_report_timer(void *) {
-  bcp_dispatch(QZ2FH_TERMINAL_TYPE, BASIC_1004, 0);
-  basic_1004_timer.countdown = REPORT_COUNTDOWN_SECONDS;
+report_result source_basic_1004_report_timer(void *) {
+  source_basic_1004_write();
+  return report_result::done;
 }
 
 void source_basic_1001_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1001), "WA_BASIC_FJ_1001", basic_1001_columns,
-                            BCP_STYLE_WIDE_CLOSE, source_basic_1001_business_handle,
-                            &basic_1001_timer, source_basic_1001_report_timer);
+                            BCP_STYLE_WIDE_CLOSE, &basic_1001_timer,
+                            source_basic_1001_report_timer);
 }
 
 void source_basic_1002_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1002), "WA_BASIC_FJ_1002", basic_1002_columns,
-                            BCP_STYLE_PLAIN, source_basic_1002_business_handle, &basic_1002_timer,
-                            source_basic_1002_report_timer);
+                            BCP_STYLE_PLAIN, &basic_1002_timer, source_basic_1002_report_timer);
 }
 
 void source_basic_1003_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1003), "WA_BASIC_FJ_1003", basic_1003_columns,
-                            BCP_STYLE_PLAIN, source_basic_1003_business_handle, &basic_1003_timer,
-                            source_basic_1003_report_timer);
+                            BCP_STYLE_PLAIN, &basic_1003_timer, source_basic_1003_report_timer);
 }
 
 void source_basic_1004_init() {
   bcp_periodic_dataset_init(dataset(BASIC_1004), "WA_BASIC_FJ_1004", basic_1004_columns,
-                            BCP_STYLE_PLAIN, source_basic_1004_business_handle, &basic_1004_timer,
-                            source_basic_1004_report_timer);
+                            BCP_STYLE_PLAIN, &basic_1004_timer, source_basic_1004_report_timer);
 }
 
 }  // namespace
 
-void source_report_timer(void *) { group_archive_cycle(&source_group, true); }
+report_result source_report_timer(void *) {
+  group_archive_cycle(&source_group);
+  return report_result::done;
+}
 
 void source_group_init() {
-  bcp_group_register(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE",
-                     "source_report_timer");
-  report_timer_init(&source_group.timer, source_report_timer, REPORT_COUNTDOWN_SECONDS);
-  report_timer_add(&source_group.timer);
-  qz2fh_delete_dir_file(QZ2FH_TERMINAL_TYPE, &source_group.state);
-  qz2fh_create_dir(QZ2FH_TERMINAL_TYPE, &source_group.state);
+  bcp_group_init(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE", "source_report_timer",
+                 source_report_timer);
   source_1001_init();
   source_1002_init();
   source_basic_1001_init();

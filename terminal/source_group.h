@@ -10,4 +10,12 @@ extern bcp_group source_group;
 // datasets with their timers.
 void source_group_init();
 // The group's archive timer.
-void source_report_timer(void *arg);
+report_result source_report_timer(void *arg);
+
+// The writers of the four basic datasets: access-point presence and
+// collection equipment for one scanned MAC, the place, the vendor. 0 when
+// the record was written.
+int source_basic_1001_write(const char *mac);
+int source_basic_1002_write(const char *mac);
+int source_basic_1003_write();
+int source_basic_1004_write();

@@ -12,7 +12,6 @@
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/spool.h"
-#include "output/wtps_scan.h"
 #include "terminal/source_group.h"
 #include "tests/unit/test_support.h"
 
@@ -39,25 +38,22 @@ class Archive : public ::testing::Test {
     source_group_init();
     run.commands.clear();
   }
-  report_timer *group_timer() { return &source_group.timer; }
   fake_runner run;
   std::string index;
 };
 
 TEST_F(Archive, EmptyCycleTouchesNothing) {
   ASSERT_TRUE(write_file("/tmp/146/left", "x"));
-  group_timer()->countdown = 5;
-  source_report_timer(nullptr);
+  EXPECT_EQ(source_report_timer(nullptr), report_result::done);
   EXPECT_TRUE(run.commands.empty());
-  EXPECT_EQ(group_timer()->countdown, 300u);
   EXPECT_EQ(list_dir("/tmp/146"), std::vector<std::string>({"left"}));
 }
 
 TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
-  bcp_dispatch_mac(146, 2, "00:1a:2b:3c:4d:5e");
-  bcp_dispatch_mac(146, 3, "00:1a:2b:3c:4d:5e");
-  bcp_dispatch_mac(146, 3, "00:1a:2b:3c:4d:5f");
-  bcp_dispatch(146, 4, 0);
+  source_basic_1001_write("00:1a:2b:3c:4d:5e");
+  source_basic_1002_write("00:1a:2b:3c:4d:5e");
+  source_basic_1002_write("00:1a:2b:3c:4d:5f");
+  source_basic_1003_write();
   source_report_timer(nullptr);
 
   ASSERT_EQ(run.commands.size(), 3u);
@@ -101,14 +97,14 @@ TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
 
   // The next archive carries the next zip number; new files start again.
   run.commands.clear();
-  bcp_dispatch(146, 5, 0);
+  source_basic_1004_write();
   source_report_timer(nullptr);
   EXPECT_NE(run.commands[0].find("-00001.zip"), std::string::npos);
   EXPECT_NE(index.find("-00000-WA_BASIC_FJ_1004-0.bcp"), std::string::npos);
 }
 
 TEST_F(Archive, FailedIndexDeletesTheCycleUnsent) {
-  bcp_dispatch(146, 4, 0);
+  source_basic_1003_write();
   ASSERT_EQ(mkdir("/tmp/146/GAB_ZIP_INDEX.xml", 0755), 0);  // cannot be opened as a file
   source_report_timer(nullptr);
   ASSERT_EQ(run.commands.size(), 1u);
@@ -128,9 +124,10 @@ TEST(Spool, OverlongCommandIsNotRun) {
   load_test_config({{"fh_ftp_password", "\"" + std::string(600, 'p') + "\""}});
   fake_runner run;
   debug_mode_on();
-  bcp_group_state st = {};
+  static bcp_group group;
+  group.spool = spool_dir_of(146);
   ::testing::internal::CaptureStderr();
-  qz2fh_send_zip_file(146, &st);
+  qz2fh_send_zip_file(&group);
   EXPECT_NE(::testing::internal::GetCapturedStderr().find("command longer than 511 bytes, not run"),
             std::string::npos);
   EXPECT_TRUE(run.commands.empty());

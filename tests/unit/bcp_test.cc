@@ -16,11 +16,13 @@ namespace {
 constexpr uint32_t TEST_GROUP = 150;
 bcp_group test_group;
 
-int tiny_handler(uint32_t, uint32_t, uint8_t, va_list *, bcp_dataset *datasets) {
-  return bcp_write_line(&datasets[1], "x\n", 2);
-}
+int write_x() { return bcp_write_line(&test_group.datasets[1], "x\n", 2); }
 
-void put_value(bcp_line &l, const void *ctx) { l.put(static_cast<const char *>(ctx)); }
+// A record context of one text.
+struct text_record {
+  const char *value;
+};
+void put_value(bcp_line &l, const text_record &r) { l.put(r.value); }
 
 class BcpWriter : public ::testing::Test {
  protected:
@@ -28,17 +30,16 @@ class BcpWriter : public ::testing::Test {
     run.pass_through("mkdir");
     run.pass_through("rm");
     load_test_config();
-    bcp_dataset_init(&test_group.datasets[1], "WA_TEST_1", "%s%d%s%s%s%d\n", tiny_handler);
-    bcp_group_register(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer");
+    bcp_dataset_init(&test_group.datasets[1], "WA_TEST_1", "%s%d%s%s%s%d\n");
+    bcp_group_init(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer", nullptr);
     ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
   }
   fake_runner run;
 };
 
 TEST_F(BcpWriter, NamesSequenceAndRollOverAt5000) {
-  EXPECT_EQ(bcp_dispatch(151, 0, 0), 0);  // an unregistered group writes nothing
   for (int i = 0; i < 5001; i++)
-    ASSERT_EQ(bcp_dispatch(TEST_GROUP, 1, 0), 0);
+    ASSERT_EQ(write_x(), 0);
   const auto files = list_dir("/tmp/150");
   ASSERT_EQ(files.size(), 2u);
   const std::regex name(R"(150-350100-\d{10}-0000([01])-WA_TEST_1-0\.bcp)");
@@ -61,18 +62,18 @@ TEST_F(BcpWriter, SequenceWrapsAndFailedOpenKeepsIt) {
   ASSERT_EQ(system("rm -rf /tmp/150"), 0);
   debug_mode_on();
   output_capture out;
-  EXPECT_EQ(bcp_dispatch(TEST_GROUP, 1, 0), 1);  // no spool directory: the line is lost
+  EXPECT_EQ(write_x(), 1);  // no spool directory: the line is lost
   EXPECT_NE(out.text().find("open file /tmp/150/150-350100-"), std::string::npos);
   EXPECT_EQ(ds.bcp_sequence, 65535);
   ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
-  EXPECT_EQ(bcp_dispatch(TEST_GROUP, 1, 0), 0);
+  EXPECT_EQ(write_x(), 0);
   EXPECT_EQ(ds.bcp_sequence, 0);
   EXPECT_NE(list_dir("/tmp/150")[0].find("-65535-WA_TEST_1-0.bcp"), std::string::npos);
 }
 
 TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
   // From an empty cycle, whatever ran before in this process.
-  group_archive_cycle(&test_group, true);
+  group_archive_cycle(&test_group);
   test_group.datasets[1].bcp_sequence = 0;
   // Capture every index as the archive step zips it.
   std::vector<std::string> indexes;
@@ -82,11 +83,11 @@ TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
   };
   const int files = 300;
   for (int i = 0; i < files * BCP_MAX_RECORDS; i++)
-    bcp_dispatch(TEST_GROUP, 1, 0);
+    write_x();
   ASSERT_EQ(indexes.size(), 1u);  // one early archive, before the list could wrap
   EXPECT_EQ(test_group.bcp_file_count, files - 249);
   // Everything listed since is archived by the next regular cycle.
-  group_archive_cycle(&test_group, true);
+  group_archive_cycle(&test_group);
   ASSERT_EQ(indexes.size(), 2u);
   int blocks = 0;
   for (int seq = 0; seq < files; seq++) {
@@ -103,7 +104,7 @@ void put_fixed(bcp_line &l) { l.put("f"); }
 void put_huge(bcp_line &l) { l.put(std::string(5000, 'h')); }
 
 TEST(BcpLine, FieldsEndInTabsAndTheLastInALineFeed) {
-  const bcp_column cols[] = {{{"K1", "E1", "C1"}, put_value},
+  const bcp_column<text_record> cols[] = {{{"K1", "E1", "C1"}, put_value},
                              {{"K2", "E2", "C2"}, put_empty},
                              {{"K3", "E3", "C3"}, put_fixed},
                              {{"K4", "E4", "C4"}, put_value},
@@ -111,40 +112,40 @@ TEST(BcpLine, FieldsEndInTabsAndTheLastInALineFeed) {
   load_test_config();
   bcp_line_plan plan;
   bcp_line line;
-  ASSERT_TRUE(bcp_build_line(line, plan, cols, 5, "v"));
+  ASSERT_TRUE(bcp_build_line(line, plan, cols, 5, text_record{"v"}));
   EXPECT_STREQ(line.c_str(), "v\t\tf\tv\t\n");
   // The fixed runs between per-record values are kept, separators included.
   ASSERT_EQ(plan.pieces.size(), 4u);
   EXPECT_EQ(plan.text, "\t\tf\t\t\n");
   bcp_line again;
-  ASSERT_TRUE(bcp_build_line(again, plan, cols, 5, "w"));
+  ASSERT_TRUE(bcp_build_line(again, plan, cols, 5, text_record{"w"}));
   EXPECT_STREQ(again.c_str(), "w\t\tf\tw\t\n");
 }
 
 TEST(BcpLine, LinesLongerThanTheBufferAreRefusedWhole) {
-  const bcp_column cols[] = {{{"K1", "E1", "C1"}, put_value}, {{"K2", "E2", "C2"}, put_value}};
+  const bcp_column<text_record> cols[] = {{{"K1", "E1", "C1"}, put_value}, {{"K2", "E2", "C2"}, put_value}};
   load_test_config();
   bcp_line_plan plan;
   for (size_t size : {2048, 4095, 4096, 10000}) {
     const std::string big(size, 'x');
     bcp_line line;
-    EXPECT_FALSE(bcp_build_line(line, plan, cols, 2, big.c_str())) << size;
+    EXPECT_FALSE(bcp_build_line(line, plan, cols, 2, text_record{big.c_str()})) << size;
     EXPECT_LT(line.size(), BCP_LINE_SIZE);
   }
   const std::string fits(2046, 'y');
   bcp_line line;
-  EXPECT_TRUE(bcp_build_line(line, plan, cols, 2, fits.c_str()));
+  EXPECT_TRUE(bcp_build_line(line, plan, cols, 2, text_record{fits.c_str()}));
   EXPECT_EQ(line.size(), 4094u);
   const std::string one_more(2047, 'y');
   bcp_line longer;
-  EXPECT_FALSE(bcp_build_line(longer, plan, cols, 2, one_more.c_str()));
+  EXPECT_FALSE(bcp_build_line(longer, plan, cols, 2, text_record{one_more.c_str()}));
   // A value fixed for the run (a configuration value) that alone overflows
   // refuses every line, rather than leaving its field empty.
-  const bcp_column with_fixed[] = {{{"K1", "E1", "C1"}, put_value},
+  const bcp_column<text_record> with_fixed[] = {{{"K1", "E1", "C1"}, put_value},
                                    {{"K2", "E2", "C2"}, put_huge}};
   bcp_line_plan fixed_plan;
   bcp_line refused;
-  EXPECT_FALSE(bcp_build_line(refused, fixed_plan, with_fixed, 2, "v"));
+  EXPECT_FALSE(bcp_build_line(refused, fixed_plan, with_fixed, 2, text_record{"v"}));
 }
 
 }  // namespace

@@ -4,7 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/log.h"
 
 namespace {
 
@@ -20,6 +27,48 @@ TEST(Command, StatusAndOutputAsSystemAndPopen) {
   // A command that is not found is started all the same, as by popen.
   EXPECT_EQ(command_read("no_such_command_qz 2>/dev/null", &out, 100), 127 << 8);
   EXPECT_EQ(out, "");
+}
+
+// True once the process is gone (or a zombie: dead, not yet reaped).
+bool gone(pid_t pid) {
+  for (int i = 0; i < 500; i++) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    if (!std::getline(stat, text) || text.substr(text.rfind(')') + 2, 1) == "Z")
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+pid_t read_pid(const char *path) {
+  std::ifstream f(path);
+  pid_t pid = 0;
+  f >> pid;
+  return pid;
+}
+
+// Commands that never end are killed at their limits (here a second lasts
+// 5 ms) with what they started, and count as not run.
+TEST(Command, NeverEndingCommandsAreKilledWithTheirProcessGroups) {
+  command_set_limit_second_ms(5);
+  debug_mode_on();
+  ::testing::internal::CaptureStderr();
+  std::string out;
+  EXPECT_EQ(command_read("printf cut; sleep 1000 & echo $! >/tmp/sleeper; wait", &out, 100), -1);
+  EXPECT_EQ(out, "");  // what it printed may be cut anywhere
+  const pid_t sleeper = read_pid("/tmp/sleeper");
+  ASSERT_GT(sleeper, 0);
+  EXPECT_TRUE(gone(sleeper));
+  EXPECT_EQ(command_system("cd /tmp;sleep 1000 >/dev/null", COMMAND_LIMIT_TRANSFER), -1);
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("WARN:printf still running after 10 s: killed with its process group\n"),
+            std::string::npos)
+      << err;
+  EXPECT_NE(err.find("WARN:sleep still running after 120 s: killed with its process group\n"),
+            std::string::npos)
+      << err;
+  command_set_limit_second_ms(0);
 }
 
 }  // namespace

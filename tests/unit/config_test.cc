@@ -87,9 +87,6 @@ TEST(Config, ValuesKeptByteForByteUnknownKeysIgnored) {
   EXPECT_STREQ(qz2fh_get_netbar_name(), "  Café 网吧 ");
   EXPECT_STREQ(qz2fh_get_ftp_password(), "p\"a$(x);b");
   EXPECT_STREQ(qz2fh_get_source_str(), "");
-  EXPECT_STREQ(qz2fh_get_org_code(), "507183926");
-  EXPECT_STREQ(qz2fh_get_contactor(), "maple");
-  EXPECT_EQ(qz2fh_get_equipment_type(), 1);
   EXPECT_EQ(qz2fh_get_unsent_dir(), nullptr);
 }
 

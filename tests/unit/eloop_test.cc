@@ -70,11 +70,6 @@ TEST_F(EloopTest, ZeroTimeoutRunsInNextPass) {
   EXPECT_EQ(calls.size(), 1u);
 }
 
-TEST_F(EloopTest, RunReturnsAtOnceWithNothingRegistered) {
-  eloop_run();
-  SUCCEED();
-}
-
 TEST_F(EloopTest, DestroyFreesPendingTimeoutsWithoutCallingThem) {
   eloop_add_timeout(0, 0, record, const_cast<char *>("x"), nullptr);
   eloop_add_timeout(5, 0, record, const_cast<char *>("y"), nullptr);

@@ -10,7 +10,7 @@
 
 #include "frame/eloop.h"
 #include "frame/log.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "netbar/netbar_netlink.h"
 #include "netbar/netbar_terminal.h"
 #include "tests/unit/test_support.h"

@@ -9,9 +9,11 @@
 
 namespace {
 
-bool collect(char *mac, void *arg) {
-  static_cast<std::vector<std::string> *>(arg)->emplace_back(mac);
-  return true;
+wtps_mac_fn collect_into(std::vector<std::string> *macs) {
+  return [macs](const char *mac) {
+    macs->emplace_back(mac);
+    return true;
+  };
 }
 
 struct listing_case {
@@ -29,7 +31,7 @@ class WtpsListing : public ::testing::TestWithParam<listing_case> {};
 TEST_P(WtpsListing, MacsInOrder) {
   const listing_case &c = GetParam();
   std::vector<std::string> macs;
-  EXPECT_EQ(wtps_parse(c.listing, "test", collect, &macs), c.result);
+  EXPECT_EQ(wtps_parse(c.listing, "test", collect_into(&macs)), c.result);
   EXPECT_EQ(macs, c.macs);
 }
 
@@ -57,15 +59,12 @@ INSTANTIATE_TEST_SUITE_P(
                      WTPS_DONE}),
     [](const auto &test) { return std::string(test.param.name); });
 
-TEST(Wtps, CommandAndFailureToStart) {
+TEST(Wtps, ListingThatCouldNotBeReadFails) {
   fake_runner run;
-  run.answer("wum", "1 aa:01 x\n");
-  std::vector<std::string> macs;
-  EXPECT_EQ(wtps_read("t", collect, &macs), WTPS_DONE);
-  EXPECT_EQ(run.commands, std::vector<std::string>({"wum -c wtps"}));
   run.answer("wum", "", -1);
-  EXPECT_EQ(wtps_read("t", collect, &macs), WTPS_FAILED);
-  EXPECT_EQ(macs.size(), 1u);
+  std::vector<std::string> macs;
+  EXPECT_EQ(wtps_read("t", collect_into(&macs)), WTPS_FAILED);
+  EXPECT_TRUE(macs.empty());
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
-#include "netbar/netbar.h"
+#include "netbar/netbar_group.h"
 #include "status/bjson.h"
 #include "terminal/source_group.h"
 
@@ -28,9 +28,9 @@ int lock_fd = -1;
 report_timer feed_report;
 
 // Every tick: a word in the log while the feeds are behind.
-void feed_report_timer(void *) {
+report_result feed_report_timer(void *) {
   feed_queue_report();
-  feed_report.countdown = REPORT_TICK_SECONDS;
+  return report_result::done;
 }
 
 const struct option long_options[] = {
@@ -98,7 +98,8 @@ int main(int argc, char *argv[]) {
   source_group_init();
   netbar_group_init();
   bjson_report_init();
-  report_timer_init(&feed_report, feed_report_timer, REPORT_TICK_SECONDS);
+  report_timer_init(&feed_report, feed_report_timer, REPORT_TICK_SECONDS,
+                    report_order{report_owner_new(), report_phase::records});
   report_timer_add(&feed_report);
 
   eloop_run();

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 #include "output/bcp_dataset.h"
 
@@ -22,23 +21,7 @@ extern bcp_group netbar_group;
 // sets up the six datasets with their timers.
 void netbar_group_init();
 // The group's archive timer.
-void netbar_report_timer(void *arg);
-
-// Online/offline feed and WA_SOURCE_FJ_0001.
-void netbar_init_sock();
-// Handles one datagram as received (at most 260 bytes).
-void netbar_shell_process(const uint8_t *data, size_t len);
-
-// Kernel netlink feed and WA_SOURCE_FJ_0002.
-void init_netbar_0002();
-// Handles one netlink message as received (at most 1040 bytes).
-void netbar_netlink_process(const uint8_t *data, size_t len);
-
-// WA_BASIC_FJ_0001, WA_BASIC_FJ_0002, WA_BASIC_FJ_0003_1, WA_BASIC_FJ_0003_2.
-void netbar_basic_0001_init();
-void netbar_basic_0002_init();
-void netbar_basic_0003_1_init();
-void netbar_basic_0003_2_init();
+report_result netbar_report_timer(void *arg);
 
 // Session id: place code, the MAC's hex digits in lower case (separators
 // dropped) and a time in seconds, cut to 64 characters.

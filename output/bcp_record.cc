@@ -4,6 +4,7 @@
 #include "output/bcp_record.h"
 
 #include "config/config.h"
+#include "frame/log.h"
 
 void bcp_line::put(std::string_view text) {
   if (len_ + text.size() >= sizeof(buf_)) {
@@ -75,9 +76,7 @@ void append_escaped(std::string &out, std::string_view text) {
 
 }  // namespace
 
-namespace {
-
-void make_plan(bcp_line_plan &plan, const bcp_column *cols, size_t count) {
+void bcp_plan_make(bcp_line_plan &plan, const bcp_fixed_fn *fixed, size_t count) {
   plan.text.clear();
   plan.pieces.clear();
   plan.fits = true;
@@ -89,9 +88,9 @@ void make_plan(bcp_line_plan &plan, const bcp_column *cols, size_t count) {
     run_start = plan.text.size();
   };
   for (size_t i = 0; i < count; i++) {
-    if (cols[i].fixed) {
+    if (fixed[i]) {
       bcp_line value;
-      cols[i].fixed(value);
+      fixed[i](value);
       plan.fits = plan.fits && value.ok();
       plan.text.append(value.c_str(), value.size());
     } else {
@@ -104,37 +103,16 @@ void make_plan(bcp_line_plan &plan, const bcp_column *cols, size_t count) {
   plan.generation = qz2fh_config_generation();
 }
 
-}  // namespace
-
-bool bcp_build_line(bcp_line &line, bcp_line_plan &plan, const bcp_column *cols, size_t count,
-                    const void *ctx) {
-  if (plan.generation != qz2fh_config_generation())
-    make_plan(plan, cols, count);
-  if (!plan.fits)
-    return false;
-  for (const bcp_line_plan::piece &p : plan.pieces) {
-    if (p.column < 0)
-      line.put(std::string_view(plan.text.data() + p.offset, p.length));
-    else
-      cols[p.column].value(line, ctx);
-  }
-  return line.ok();
-}
-
-void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const bcp_column *cols,
-                               size_t count, bcp_template_style style, bcp_business_handler handler,
-                               report_timer *timer, void (*timer_handler)(void *)) {
-  bcp_dataset_init(ds, name, bcp_make_template(cols, count, style), handler);
-  report_timer_init(timer, timer_handler, REPORT_COUNTDOWN_SECONDS);
+void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
+                               report_timer *timer, report_result (*timer_handler)(void *)) {
+  bcp_dataset_init(ds, name, index_template);
+  report_timer_init(timer, timer_handler, REPORT_COUNTDOWN_SECONDS,
+                    {ds->group->timer.order.owner, report_phase::records});
   report_timer_add(timer);
 }
 
-int bcp_emit(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t count,
-             const void *ctx) {
-  if (!ds->plan)
-    ds->plan = new bcp_line_plan;  // lives as long as the dataset
-  bcp_line line;
-  if (!bcp_build_line(line, *ds->plan, cols, count, ctx)) {
+int bcp_emit_line(const char *func, bcp_dataset *ds, const bcp_line &line, bool built) {
+  if (!built) {
     log_msg_as(func, ERROR, "%s record refused: longer than %d bytes\n", ds->name,
                static_cast<int>(BCP_LINE_SIZE) - 1);
     return 1;
@@ -143,18 +121,19 @@ int bcp_emit(const char *func, bcp_dataset *ds, const bcp_column *cols, size_t c
   return bcp_write_line(ds, line.c_str(), line.size());
 }
 
-const char *bcp_make_template(const bcp_column *cols, size_t count, bcp_template_style style) {
+const char *bcp_make_template(const bcp_column_text *texts, size_t count,
+                              bcp_template_style style) {
   static std::deque<std::string> templates;  // stable addresses for the process's life
   std::string t = TEMPLATE_HEAD;
   for (size_t i = 0; i < count; i++) {
     if (i > 0)
       t.append(style.sep_tabs, '\t').append("\n\t\t\t\t\t\t\t");
     t += "<ITEM key=\"";
-    append_escaped(t, cols[i].text.key);
+    append_escaped(t, texts[i].key);
     t += "\" eng=\"";
-    append_escaped(t, cols[i].text.eng);
+    append_escaped(t, texts[i].eng);
     t += "\" chn=\"";
-    append_escaped(t, cols[i].text.chn);
+    append_escaped(t, texts[i].chn);
     t += "\"/>";
   }
   t.append(style.close_tabs, '\t').append("\n\t\t\t\t\t\t</DATA>");

@@ -5,40 +5,28 @@
 
 #include "config/config.h"
 #include "frame/log.h"
-#include "frame/paths.h"
 #include "output/archive.h"
 
-bcp_group *bcp_group_table[BCP_GROUP_TABLE_SIZE];
-
-void bcp_group_register(bcp_group *group, uint32_t id, const char *log_tag,
-                        const char *cycle_name) {
+void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
+                    report_result (*archive_timer)(void *)) {
   group->id = id;
+  group->spool = spool_dir_of(id);
   group->log_tag = log_tag;
   group->cycle_name = cycle_name;
   for (bcp_dataset &ds : group->datasets)
     ds.group = group;
-  bcp_group_table[id] = group;
+  report_timer_init(&group->timer, archive_timer, REPORT_COUNTDOWN_SECONDS,
+                    {report_owner_new(), report_phase::archive});
+  report_timer_add(&group->timer);
+  // Files of an earlier run are deleted before anything new is written.
+  qz2fh_delete_dir_file(group->spool);
+  qz2fh_create_dir(group->spool);
 }
 
-void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                      bcp_business_handler handler) {
+void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template) {
   ds->fp = nullptr;
   ds->name = name;
   ds->index_template = index_template;
-  ds->handler = handler;
-}
-
-int bcp_dispatch(uint32_t group, uint32_t index, unsigned argc, ...) {
-  if (group >= BCP_GROUP_TABLE_SIZE || index >= BCP_GROUP_DATASETS)
-    return 0;
-  bcp_group *g = bcp_group_table[group];
-  if (!g || !g->datasets[index].handler)
-    return 0;
-  va_list ap;
-  va_start(ap, argc);
-  int res = g->datasets[index].handler(group, index, static_cast<uint8_t>(argc), &ap, g->datasets);
-  va_end(ap);
-  return res;
 }
 
 namespace {
@@ -49,10 +37,8 @@ void qz2fh_get_bcp_filename(const bcp_dataset *ds, char *path, size_t size) {
   const unsigned sequence = ds->bcp_sequence;
   const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
   const char *source = qz2fh_get_source_str();
-  char spool_dir[BCP_NAME_SIZE];
-  snprintf(spool_dir, sizeof(spool_dir), QZ_SPOOL_DIR_FORMAT, static_cast<int>(ds->group->id));
-  snprintf(path, size, "%s/%d-%s-%llu-%05d-%s-0.bcp", spool_dir, static_cast<int>(ds->group->id),
-           source, now, static_cast<int>(sequence), ds->name);
+  snprintf(path, size, "%s/%d-%s-%llu-%05d-%s-0.bcp", ds->group->spool.path,
+           static_cast<int>(ds->group->id), source, now, static_cast<int>(sequence), ds->name);
   log_msg(DEBUG, "create file : %s", path);
 }
 
@@ -105,7 +91,7 @@ int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
     if (g->bcp_file_count >= BCP_FILE_LIST_SIZE - 1 - BCP_GROUP_DATASETS) {
       log_msg(WARN, "group %d finished %d files in one cycle, archiving early\n",
               static_cast<int>(g->id), static_cast<int>(g->bcp_file_count));
-      group_archive_cycle(g, false);
+      group_archive_cycle(g);
     }
   }
   return 0;
