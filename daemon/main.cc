@@ -11,26 +11,58 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "config/config.h"
+#include "daemon/stats.h"
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
 #include "netbar/netbar_group.h"
+#include "output/archive.h"
+#include "output/unsent.h"
 #include "status/bjson.h"
 #include "terminal/source_group.h"
 
 namespace {
 
 int lock_fd = -1;
-report_timer feed_report;
+report_timer tick_report;
+time_t started;
 
-// Every tick: a word in the log while the feeds are behind.
-report_result feed_report_timer(void *) {
+// Every tick: a word in the log while the feeds are behind, and the
+// counters file.
+report_result tick_report_timer(void *) {
   feed_queue_report();
+  stats_write(started);
   return report_result::done;
+}
+
+// After every handler and before each wait: events read while a command
+// ran are handled; in durable mode every record line written is then in
+// its file.
+void after_handler() {
+  feed_queue_drain();
+  if (unsent_enabled())
+    bcp_flush_written();
+}
+
+void stop_signal(int) { eloop_terminate(); }
+
+// Durable mode stops on SIGTERM and SIGINT without losing the open cycle;
+// otherwise they keep their default action.
+void durable_stop_signals() {
+  if (eloop_enable_terminate() != 0) {
+    log_msg(ERROR, "no pipe for stopping: SIGTERM and SIGINT end the daemon at once\n");
+    return;
+  }
+  struct sigaction sa = {};
+  sa.sa_handler = stop_signal;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGTERM, &sa, nullptr);
+  sigaction(SIGINT, &sa, nullptr);
 }
 
 const struct option long_options[] = {
@@ -88,21 +120,35 @@ int main(int argc, char *argv[]) {
     log_msg(ERROR, "eloop init failed\n");
     return -1;
   }
-  // Events read while a command ran are handled before the loop waits again.
-  eloop_set_after_handler(feed_queue_drain);
+  eloop_set_after_handler(after_handler);
   if (qz2fh_config_init() != 0) {
     log_msg(ERROR, "config init failed\n");
     return -1;
   }
+  started = time(nullptr);
+  if (unsent_enabled())
+    durable_stop_signals();
   report_timer_start();
   source_group_init();
   netbar_group_init();
   bjson_report_init();
-  report_timer_init(&feed_report, feed_report_timer, REPORT_TICK_SECONDS,
+  for (int i = 0; i < bcp_group_count(); i++)
+    archive_recover_leftovers(bcp_group_at(i));
+  report_timer_init(&tick_report, tick_report_timer, REPORT_TICK_SECONDS,
                     report_order{report_owner_new(), report_phase::records});
-  report_timer_add(&feed_report);
+  report_timer_add(&tick_report);
 
   eloop_run();
+  if (eloop_terminated()) {
+    // What was read is handled, then the open cycles are kept for the next
+    // start.
+    feed_queue_drain();
+    archive_keep_all();
+    stats_write(started);
+    log_msg(DEBUG, "stopped: open cycles kept in %s\n", qz2fh_get_unsent_dir());
+    eloop_destroy();
+    return 0;
+  }
   eloop_destroy();
   log_msg(DEBUG, "fdsafdas\n");
   return -1;

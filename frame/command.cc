@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "frame/eloop.h"
 #include "frame/feed_queue.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
@@ -44,11 +45,12 @@ int open_pidfd(pid_t pid) {
 // times() after each wake-up.
 class command_deadline {
  public:
-  command_deadline(const char *command, unsigned seconds)
+  command_deadline(const char *command, command_limit limit)
       : cmd(command),
-        limit_s(seconds),
+        limit_s(limit.seconds),
+        ends_with_daemon(limit.ends_with_daemon),
         start_(now()),
-        ticks_(static_cast<unsigned long>(seconds) * limit_second_ms * hz() / 1000) {}
+        ticks_(static_cast<unsigned long>(limit.seconds) * limit_second_ms * hz() / 1000) {}
   bool passed() const { return now() - start_ >= ticks_; }
   // A poll time-out (ms, -1 for none) cut to what is left of the limit.
   int bound(int timeout) const {
@@ -60,6 +62,7 @@ class command_deadline {
   }
   const char *const cmd;
   const unsigned limit_s;
+  const bool ends_with_daemon;
 
  private:
   static unsigned long now() {
@@ -75,13 +78,18 @@ class command_deadline {
 // what the shell started (a pipeline, a retrying upload) ends too. The
 // warning names only the program (the first word after a leading "cd
 // DIR;"): an upload's command holds the password.
-void command_kill(pid_t pid, const command_deadline &deadline) {
+void command_kill(pid_t pid, const command_deadline &deadline, bool stopping) {
   kill(-pid, SIGKILL);
   const char *program = deadline.cmd;
   if (strncmp(program, "cd ", 3) == 0 && strchr(program, ';'))
     program = strchr(program, ';') + 1;
-  log_msg(WARN, "%.*s still running after %u s: killed with its process group\n",
-          static_cast<int>(strcspn(program, " ;|&")), program, deadline.limit_s);
+  const int name_len = static_cast<int>(strcspn(program, " ;|&"));
+  if (stopping)
+    log_msg(WARN, "%.*s killed with its process group: the daemon is stopping\n", name_len,
+            program);
+  else
+    log_msg(WARN, "%.*s still running after %u s: killed with its process group\n", name_len,
+            program, deadline.limit_s);
 }
 
 // Starts "/bin/sh -c cmd" in a process group of its own; with out_fd >= 0
@@ -114,7 +122,7 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
   int status = 0;
   bool exited = false;
   for (;;) {
-    pollfd fds[FEED_MAX_SOURCES + 2];
+    pollfd fds[FEED_MAX_SOURCES + 3];
     int feeds[FEED_MAX_SOURCES];
     int n = 0;
 #ifdef QZ_COMMANDS_BLOCKING
@@ -137,6 +145,9 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
     const int pid_slot = pidfd && !exited ? n : -1;
     if (pid_slot >= 0)
       fds[n++] = pollfd{pidfd.get(), POLLIN, 0};
+    const int stop_fd = deadline.ends_with_daemon ? eloop_terminate_fd() : -1;
+    if (stop_fd >= 0)
+      fds[n++] = pollfd{stop_fd, POLLIN, 0};
 
     if (!exited && pid_slot < 0) {
       pid_t r = waitpid(pid, &status, WNOHANG);
@@ -173,8 +184,9 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
       while (r < 0 && errno == EINTR);
       exited = true;
     }
-    if (deadline.passed() && !(exited && !out)) {
-      command_kill(pid, deadline);
+    const bool stopping = deadline.ends_with_daemon && eloop_terminated();
+    if ((stopping || deadline.passed()) && !(exited && !out)) {
+      command_kill(pid, deadline, stopping);
       *killed = true;
       break;
     }
@@ -186,8 +198,8 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
   return status;
 }
 
-int real_system(const char *cmd, unsigned limit_s) {
-  const command_deadline deadline(cmd, limit_s);
+int real_system(const char *cmd, command_limit limit) {
+  const command_deadline deadline(cmd, limit);
   pid_t pid = spawn_shell(cmd, -1, -1);
   if (pid < 0)
     return -1;
@@ -196,8 +208,8 @@ int real_system(const char *cmd, unsigned limit_s) {
   return killed ? -1 : status;
 }
 
-int real_read(const char *cmd, std::string *out, size_t max, unsigned limit_s) {
-  const command_deadline deadline(cmd, limit_s);
+int real_read(const char *cmd, std::string *out, size_t max, command_limit limit) {
+  const command_deadline deadline(cmd, limit);
   out->clear();
   int p[2];
   if (pipe2(p, O_CLOEXEC) != 0)
@@ -219,12 +231,12 @@ int real_read(const char *cmd, std::string *out, size_t max, unsigned limit_s) {
 
 }  // namespace
 
-int command_system(const char *cmd, unsigned limit_s) {
-  return test_runner ? test_runner->run_system(cmd) : real_system(cmd, limit_s);
+int command_system(const char *cmd, command_limit limit) {
+  return test_runner ? test_runner->run_system(cmd) : real_system(cmd, limit);
 }
 
-int command_read(const char *cmd, std::string *out, size_t max, unsigned limit_s) {
-  return test_runner ? test_runner->run_read(cmd, out, max) : real_read(cmd, out, max, limit_s);
+int command_read(const char *cmd, std::string *out, size_t max, command_limit limit) {
+  return test_runner ? test_runner->run_read(cmd, out, max) : real_read(cmd, out, max, limit);
 }
 
 void command_set_runner(command_runner *runner) { test_runner = runner; }

@@ -6,24 +6,30 @@
 #include <cstddef>
 #include <string>
 
-// Seconds a command may run. One still running after its limit is killed
+// How long a command may run. One still running after its limit is killed
 // with its whole process group and logged at WARN with its program's name;
-// it then counts as a command that could not run. Transfers (zip, upload)
-// ask for the long limit; probes, listings and spool directories take the
-// short one.
-constexpr unsigned COMMAND_LIMIT_SHORT = 10;
-constexpr unsigned COMMAND_LIMIT_TRANSFER = 120;
+// it then counts as a command that could not run. A command that ends with
+// the daemon is killed the same way as soon as the loop is terminated (a
+// stopping daemon does not wait for the network), while the local steps of
+// the last archive run to their end.
+struct command_limit {
+  unsigned seconds;
+  bool ends_with_daemon;
+};
+constexpr command_limit COMMAND_LOCAL = {10, false};   // spool directories
+constexpr command_limit COMMAND_PROBE = {10, true};    // route, address, wum listing
+constexpr command_limit COMMAND_ZIP = {120, false};
+constexpr command_limit COMMAND_UPLOAD = {120, true};
 
 // Runs cmd with the daemon's standard output and error. Returns the wait
 // status as system(3) does, or -1 when no process could be started or it
-// was killed at its limit.
-int command_system(const char *cmd, unsigned limit_s = COMMAND_LIMIT_SHORT);
+// was killed.
+int command_system(const char *cmd, command_limit limit = COMMAND_LOCAL);
 // Runs cmd with its standard output captured into out (at most max bytes
 // kept, the rest read and discarded). Returns the wait status, or -1 when
-// no process could be started or it was killed at its limit (then out is
-// empty).
+// no process could be started or it was killed (then out is empty).
 int command_read(const char *cmd, std::string *out, size_t max,
-                 unsigned limit_s = COMMAND_LIMIT_SHORT);
+                 command_limit limit = COMMAND_PROBE);
 
 // Seam for tests: a runner that records commands and answers with canned
 // output instead of starting processes.

@@ -1,7 +1,11 @@
 #include "frame/eloop.h"
 
+#include <fcntl.h>
 #include <sys/select.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 
@@ -88,10 +92,17 @@ void dispatch(eloop_sock_table &table, fd_set *set) {
   }
 }
 
+// Termination: a flag and a pipe written from a signal handler, so that a
+// wait of the loop, or of a command, ends at once.
+volatile sig_atomic_t terminated;
+int terminate_pipe[2] = {-1, -1};
+
 int run_pass(fd_set *rfds, fd_set *wfds, fd_set *efds) {
   // Work deferred outside any handler (a command run during start-up) is
   // done before the first wait too.
   run_after_handler();
+  if (terminated)
+    return 1;
   struct timeval tv;
   struct timeval *wait = nullptr;
   int64_t now_sec, now_usec;
@@ -123,8 +134,16 @@ int run_pass(fd_set *rfds, fd_set *wfds, fd_set *efds) {
   fill_set(eloop.readers, rfds);
   fill_set(eloop.writers, wfds);
   fill_set(eloop.exceptions, efds);
-  int res = select(eloop.max_sock + 1, rfds, wfds, efds, wait);
+  int max_sock = eloop.max_sock;
+  if (terminate_pipe[0] >= 0) {
+    FD_SET(terminate_pipe[0], rfds);
+    if (terminate_pipe[0] > max_sock)
+      max_sock = terminate_pipe[0];
+  }
+  int res = select(max_sock + 1, rfds, wfds, efds, wait);
   if (res < 0 && errno != EINTR && errno != 0)
+    return 1;
+  if (terminated)
     return 1;
 
   if (!timeouts_empty() && loop_clock(&now_sec, &now_usec) == 0) {
@@ -169,6 +188,30 @@ void eloop_set_clock(eloop_clock_fn fn) { loop_clock = fn ? fn : monotonic_now; 
 int eloop_now(int64_t *sec, int64_t *usec) { return loop_clock(sec, usec); }
 
 void eloop_set_after_handler(void (*hook)()) { after_handler = hook; }
+
+int eloop_enable_terminate() {
+  if (terminate_pipe[0] >= 0)
+    return 0;
+  if (pipe2(terminate_pipe, O_CLOEXEC | O_NONBLOCK) != 0 || terminate_pipe[0] >= FD_SETSIZE) {
+    terminate_pipe[0] = terminate_pipe[1] = -1;
+    return -1;
+  }
+  return 0;
+}
+
+void eloop_terminate() {
+  terminated = 1;
+  if (terminate_pipe[1] >= 0) {
+    const int saved = errno;
+    const char byte = 0;
+    (void)!write(terminate_pipe[1], &byte, 1);
+    errno = saved;
+  }
+}
+
+bool eloop_terminated() { return terminated != 0; }
+
+int eloop_terminate_fd() { return terminate_pipe[0]; }
 
 int eloop_init() {
   eloop = eloop_data_t{};

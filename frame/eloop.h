@@ -33,6 +33,17 @@ void eloop_destroy();
 // again. Null for none.
 void eloop_set_after_handler(void (*hook)());
 
+// Termination, for a daemon that stops on a signal. After
+// eloop_enable_terminate (0, or -1 when no pipe could be made),
+// eloop_terminate, which is safe in a signal handler, ends the loop once
+// the pass under way is done, and wakes a wait at once.
+int eloop_enable_terminate();
+void eloop_terminate();
+bool eloop_terminated();
+// Readable once eloop_terminate was called, for waits outside the loop
+// (the command runner's); -1 unless enabled.
+int eloop_terminate_fd();
+
 // Loop clock: monotonic, falling back to realtime once monotonic fails.
 // Replaceable for tests. Returns 0, or -1 when no clock can be read.
 using eloop_clock_fn = int (*)(int64_t *sec, int64_t *usec);

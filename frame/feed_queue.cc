@@ -175,7 +175,8 @@ void handle_first(feed_source &s) {
   const size_t len = e[2] | (static_cast<size_t>(e[3]) << 8);
   if (e[0] == ENTRY_MESSAGE) {
     s.counters.handled++;
-    s.spec.process(e + HEADER_SIZE, len);
+    if (!s.spec.process(e + HEADER_SIZE, len))
+      s.counters.refused++;
   } else {
     int32_t failure[2];
     memcpy(failure, e + HEADER_SIZE, sizeof(failure));
@@ -235,7 +236,8 @@ void feed_queue_serve(int index) {
     }
     s.counters.received++;
     s.counters.handled++;
-    s.spec.process(buf, static_cast<size_t>(n));
+    if (!s.spec.process(buf, static_cast<size_t>(n)))
+      s.counters.refused++;
     // Input queued by a command run meanwhile is older: it goes first.
     if (!feed_queue_empty())
       return;

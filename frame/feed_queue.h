@@ -22,8 +22,9 @@ constexpr int FEED_BATCH = 32;
 // Receives one message without blocking into buf (cap bytes): the result
 // and errno of recv(2).
 using feed_receive_fn = ssize_t (*)(int fd, uint8_t *buf, size_t cap);
-// Handles one received message; len is what the receive returned.
-using feed_process_fn = void (*)(const uint8_t *data, size_t len);
+// Handles one received message; len is what the receive returned. False
+// when the message was refused as unusable.
+using feed_process_fn = bool (*)(const uint8_t *data, size_t len);
 // Reports a failed receive: its result, the descriptor and errno.
 using feed_error_fn = void (*)(int ret, int fd, int err);
 
@@ -42,6 +43,7 @@ struct feed_source_spec {
 struct feed_counters {
   uint64_t received;  // messages read from the socket
   uint64_t handled;   // messages given to process
+  uint64_t refused;   // of those, refused as unusable
   uint64_t deferred;  // times a full share left input in the kernel
   uint64_t overruns;  // receives that failed with ENOBUFS (netlink)
   size_t queue_peak_bytes;

@@ -9,3 +9,4 @@
 #define QZ_CLT_AP_INFO_DIR "/tmp/qztmp/clt_ap_info/"
 #define QZ_AC_STATUS_PATH "/tmp/qztmp/AC.status"
 #define QZ_SHELL_SOCK_PATH "/tmp/qz_hk_audit_srv"
+#define QZ_STATS_PATH "/tmp/qz_fh_stats.json"

@@ -220,13 +220,13 @@ bool netlink_parse(const uint8_t *data, size_t len, netlink_event *ev) {
   return true;
 }
 
-void netbar_netlink_process(const uint8_t *data, size_t len) {
+bool netbar_netlink_process(const uint8_t *data, size_t len) {
   // Part of the socket's read callback, also run for queued messages.
   static const char func[] = "netbar_netlink_recv_callback";
   netlink_event ev;
   if (!netlink_parse(data, len, &ev)) {
     log_msg_as(func, ERROR, "recv err data from kernel broadcast ...\n");
-    return;
+    return false;
   }
   switch (ev.type) {
     case QZ_HTTP_DATA:
@@ -243,6 +243,7 @@ void netbar_netlink_process(const uint8_t *data, size_t len) {
       log_msg_as(func, DEBUG, "recv data UNKNOWN\n");
       break;
   }
+  return true;
 }
 
 void init_netbar_0002() {

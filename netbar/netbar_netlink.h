@@ -25,7 +25,7 @@ struct netlink_event {
 // the socket and its read callback, and registers with the kernel side.
 void init_netbar_0002();
 // Handles one netlink message as received (at most 1040 bytes).
-void netbar_netlink_process(const uint8_t *data, size_t len);
+bool netbar_netlink_process(const uint8_t *data, size_t len);
 
 // Reads an event message, never past len; false when it is too short. The
 // header's nlmsg_len is not consulted: the fields used all lie in the first

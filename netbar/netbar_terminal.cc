@@ -58,18 +58,20 @@ const auth_type_entry *auth_lookup(std::string_view token) {
   return nullptr;
 }
 
-void netbar_terminal_offline(const netbar_shell_msg &msg) {
+// False for a message refused as unusable.
+bool netbar_terminal_offline(const netbar_shell_msg &msg) {
   char mac[QZ_MAC_TEXT_MAX + 1];
   if (msg.count < 1 || !qz2fh_mac_text_ok(msg.tokens[0]) ||
       !text_copy(msg.tokens[0], mac, sizeof(mac))) {
     log_msg(DEBUG, "offline msg refused: no usable mac\n");
-    return;
+    return false;
   }
   auto *rec = static_cast<netbar_terminal *>(str_table_get(netbar_terminal_table, mac));
   if (!rec)
-    return;
+    return true;
   netbar_0001_write(false, *rec);
   str_table_del(netbar_terminal_table, mac);
+  return true;
 }
 
 const char *online_refusal(const netbar_shell_msg &msg) {
@@ -83,16 +85,17 @@ const char *online_refusal(const netbar_shell_msg &msg) {
 }
 
 // Tokens that do not fit their fields are refused, not cut: a cut MAC or
-// account would be a wrong value in a record.
-void netbar_terminal_online(const netbar_shell_msg &msg) {
+// account would be a wrong value in a record. False for a message refused
+// as unusable.
+bool netbar_terminal_online(const netbar_shell_msg &msg) {
   auto *rec = static_cast<netbar_terminal *>(calloc(1, sizeof(netbar_terminal)));
   if (!rec)
-    return;
+    return true;
   log_msg(DEBUG, "online msg: %s\n", msg.text);
   if (const char *why = online_refusal(msg)) {
     log_msg(DEBUG, "online msg refused: %s\n", why);
     free(rec);
-    return;
+    return false;
   }
   text_copy(msg.tokens[0], rec->key, sizeof(rec->key));
   text_copy(msg.tokens[1], rec->ip, sizeof(rec->ip));
@@ -100,7 +103,7 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
   const wifi_info *wifi = qz2fh_get_wifi_info(rec->key);
   if (!wifi) {
     free(rec);
-    return;
+    return true;
   }
   rec->online_time = static_cast<unsigned long long>(time(nullptr));
   memcpy(rec->ap_mac, wifi->ap_mac, sizeof(rec->ap_mac));
@@ -109,7 +112,7 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
   const auth_type_entry *auth = auth_lookup(msg.tokens[2]);
   if (!auth) {
     free(rec);
-    return;
+    return false;
   }
   memcpy(rec->auth_type, auth->code, sizeof(rec->auth_type) - 1);
   if (auth->id == AUTH_TYPE_WITH_ACCOUNT) {
@@ -117,13 +120,14 @@ void netbar_terminal_online(const netbar_shell_msg &msg) {
         !text_copy(msg.tokens[4], rec->account, sizeof(rec->account))) {
       log_msg(DEBUG, "online msg refused: no usable account for type 4\n");
       free(rec);
-      return;
+      return false;
     }
   } else {
     text_copy(msg.tokens[0], rec->account, sizeof(rec->account));
   }
   str_table_put(netbar_terminal_table, rec->key, rec);
   netbar_0001_write(true, *rec);
+  return true;
 }
 
 // Context of one WA_SOURCE_FJ_0001 record: the terminal, and the record
@@ -282,7 +286,7 @@ uint32_t netbar_ipv4_number(const char *text) {
          static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24;
 }
 
-void netbar_shell_process(const uint8_t *data, size_t len) {
+bool netbar_shell_process(const uint8_t *data, size_t len) {
   // Part of the socket's read callback, also run for queued datagrams.
   static const char func[] = "netbar_recv_callback";
   log_msg_as(func, DEBUG, "read %d from shell \n", static_cast<int>(len));
@@ -290,20 +294,19 @@ void netbar_shell_process(const uint8_t *data, size_t len) {
   const char *why = netbar_shell_parse(data, len, &msg);
   if (why && len < SHELL_HEADER) {
     log_msg_as(func, DEBUG, "datagram refused: %s\n", why);
-    return;
+    return false;
   }
   if (msg.cmd != NETBAR_CMD_OFFLINE && msg.cmd != NETBAR_CMD_ONLINE) {
     log_msg_as(func, DEBUG, "UNKNOWN cmd type:%d\n", static_cast<int>(msg.cmd));
-    return;
+    return false;
   }
   if (why) {
     log_msg_as(func, DEBUG, "datagram refused: %s\n", why);
-    return;
+    return false;
   }
   if (msg.cmd == NETBAR_CMD_OFFLINE)
-    netbar_terminal_offline(msg);
-  else
-    netbar_terminal_online(msg);
+    return netbar_terminal_offline(msg);
+  return netbar_terminal_online(msg);
 }
 
 void netbar_init_sock() {

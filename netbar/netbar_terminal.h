@@ -45,7 +45,7 @@ const char *netbar_shell_parse(const uint8_t *data, size_t len, netbar_shell_msg
 // table and the socket, registers the read callback, sets up the dataset.
 void netbar_init_sock();
 // Handles one datagram as received (at most 260 bytes).
-void netbar_shell_process(const uint8_t *data, size_t len);
+bool netbar_shell_process(const uint8_t *data, size_t len);
 
 // The little-endian reading of an address's four network-order bytes, as
 // the platform expects it: 192.168.1.10 gives 167880896. 4294967295 for a

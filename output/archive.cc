@@ -1,11 +1,18 @@
 #include "output/archive.h"
 
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <string>
+#include <vector>
 
 #include "config/config.h"
 #include "frame/log.h"
 #include "output/spool.h"
+#include "output/unsent.h"
 
 constexpr char BCP_INDEX_HEADER[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -19,17 +26,6 @@ static_assert(sizeof(BCP_INDEX_HEADER) - 1 == 204, "index header is 204 bytes");
 static_assert(sizeof(BCP_INDEX_FOOTER) - 1 == 50, "index footer is 50 bytes");
 
 namespace {
-
-void close_open_files(bcp_group *g) {
-  for (bcp_dataset &ds : g->datasets) {
-    if (!ds.fp)
-      continue;
-    bcp_file_list_add(&ds);
-    fclose(ds.fp);
-    ds.fp = nullptr;
-    ds.record_count = 0;
-  }
-}
 
 bool write_index(bcp_group *g) {
   char index_path[SPOOL_PATH_SIZE];
@@ -51,23 +47,147 @@ bool write_index(bcp_group *g) {
   return true;
 }
 
+// Indexes the listed files and forms the zip of the group's spool
+// directory under the next name. False when the index could not be
+// written: nothing was zipped.
+bool form_zip(bcp_group *g) {
+  if (!write_index(g))
+    return false;
+  bcp_group_state &st = g->state;
+  const int sequence = st.zip_sequence++;
+  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
+  snprintf(st.zip_name, sizeof(st.zip_name), "%d-%s-%s-%s-%llu-%05d.zip", static_cast<int>(g->id),
+           qz2fh_get_org_code(), qz2fh_get_source_str(), qz2fh_get_dst_str(), now, sequence);
+  g->uploads.zips++;
+  snprintf(g->uploads.last_zip, sizeof(g->uploads.last_zip), "%s", st.zip_name);
+  qz2fh_form_zip_file(g);
+  return true;
+}
+
+std::string zip_path(const bcp_group *g) {
+  return std::string(g->spool.path) + "/" + g->state.zip_name;
+}
+
 }  // namespace
 
 void group_archive_cycle(bcp_group *g) {
-  close_open_files(g);
+  bcp_close_open_files(g);
+  bool sent = true;  // a cycle with nothing of its own has no failed upload
   if (g->bcp_file_count != 0) {
-    if (write_index(g)) {
-      bcp_group_state &st = g->state;
-      const int sequence = st.zip_sequence++;
-      const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
-      snprintf(st.zip_name, sizeof(st.zip_name), "%d-%s-%s-%s-%llu-%05d.zip",
-               static_cast<int>(g->id), qz2fh_get_org_code(), qz2fh_get_source_str(),
-               qz2fh_get_dst_str(), now, sequence);
-      qz2fh_form_zip_file(g);
-      qz2fh_send_zip_file(g);
-      log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", st.zip_name);
+    if (form_zip(g)) {
+      const int status = qz2fh_send_zip_file(g);
+      log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
+      sent = upload_done(&g->uploads, g->id, zip_path(g).c_str(), status);
     }
     qz2fh_delete_dir_file(g->spool);
   }
   g->bcp_file_count = 0;
+  // Kept files follow once the server has taken this cycle's.
+  if (sent)
+    unsent_resend(&g->uploads, g->id, g->spool);
+}
+
+void group_archive_keep(bcp_group *g) {
+  bcp_close_open_files(g);
+  if (g->bcp_file_count != 0) {
+    if (form_zip(g)) {
+      log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
+      unsent_keep(g->id, zip_path(g).c_str());
+    }
+    qz2fh_delete_dir_file(g->spool);
+  }
+  g->bcp_file_count = 0;
+}
+
+namespace {
+
+bool ends_with(const std::string &s, const char *suffix) {
+  const size_t n = strlen(suffix);
+  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+// "<id>-<source>-<time>-<seq>-<dataset>-0.bcp": the group's dataset of
+// that code, or null.
+const bcp_dataset *dataset_of_file(const bcp_group *g, const std::string &name) {
+  static const char tail[] = "-0.bcp";
+  const std::string stem = name.substr(0, name.size() - (sizeof(tail) - 1));
+  const size_t dash = stem.rfind('-');
+  if (!ends_with(name, tail) || dash == std::string::npos)
+    return nullptr;
+  const std::string code = stem.substr(dash + 1);
+  for (const bcp_dataset &ds : g->datasets)
+    if (ds.name && ds.index_template && code == ds.name)
+      return &ds;
+  return nullptr;
+}
+
+// Whole record lines in the file, after cutting off a line the stop left
+// unfinished.
+long whole_lines(const std::string &path) {
+  FILE *fp = fopen(path.c_str(), "r+e");
+  if (!fp)
+    return -1;
+  long lines = 0, end = 0, pos = 0;
+  for (int c; (c = getc(fp)) != EOF;) {
+    pos++;
+    if (c == '\n') {
+      lines++;
+      end = pos;
+    }
+  }
+  const bool cut = pos != end;
+  fclose(fp);
+  if (cut && truncate(path.c_str(), end) != 0)
+    return -1;
+  return lines;
+}
+
+}  // namespace
+
+void archive_recover_leftovers(bcp_group *g) {
+  if (!unsent_enabled())
+    return;
+  unsent_keep_leftovers(g->id, g->spool, ".zip");
+  std::vector<std::string> names;
+  if (DIR *d = opendir(g->spool.path)) {
+    while (dirent *e = readdir(d))
+      names.push_back(e->d_name);
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  g->bcp_file_count = 0;
+  for (const std::string &name : names) {
+    if (name == "." || name == "..")
+      continue;
+    const std::string path = std::string(g->spool.path) + "/" + name;
+    const bcp_dataset *ds = dataset_of_file(g, name);
+    const long lines = ds && g->bcp_file_count < BCP_FILE_LIST_SIZE - 1 ? whole_lines(path) : -1;
+    if (lines <= 0 || lines > BCP_MAX_RECORDS) {
+      // An index half written, a file with no whole record, or no file of
+      // a dataset: nothing to send.
+      if (ends_with(name, ".bcp") && lines != 0)
+        log_msg(WARN, "%s left by the last run is not a record file of group %d: deleted\n",
+                name.c_str(), static_cast<int>(g->id));
+      unlink(path.c_str());
+      continue;
+    }
+    bcp_file_entry &e = g->bcp_file_list[g->bcp_file_count++];
+    snprintf(e.file_name, sizeof(e.file_name), "%s", name.c_str());
+    e.record_count = static_cast<uint16_t>(lines);
+    e.index_template = ds->index_template;
+    e.name = ds->name;
+  }
+  if (g->bcp_file_count != 0) {
+    log_msg(DEBUG, "%d record files left by the last run in %s\n",
+            static_cast<int>(g->bcp_file_count), g->spool.path);
+    group_archive_keep(g);  // empties the directory
+  } else {
+    qz2fh_delete_dir_file(g->spool);
+  }
+  qz2fh_create_dir(g->spool);
+}
+
+void archive_keep_all() {
+  for (int i = 0; i < bcp_group_count(); i++)
+    group_archive_keep(bcp_group_at(i));
 }

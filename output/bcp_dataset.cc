@@ -6,9 +6,24 @@
 #include "config/config.h"
 #include "frame/log.h"
 #include "output/archive.h"
+#include "output/unsent.h"
+
+namespace {
+
+bcp_group *groups[BCP_MAX_GROUPS];
+int group_count;
+bool unflushed;  // a line was written since the last flush
+
+}  // namespace
+
+int bcp_group_count() { return group_count; }
+
+bcp_group *bcp_group_at(int index) { return groups[index]; }
 
 void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
                     report_result (*archive_timer)(void *)) {
+  if (group_count < BCP_MAX_GROUPS)
+    groups[group_count++] = group;
   group->id = id;
   group->spool = spool_dir_of(id);
   group->log_tag = log_tag;
@@ -18,9 +33,13 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
   report_timer_init(&group->timer, archive_timer, REPORT_COUNTDOWN_SECONDS,
                     {report_owner_new(), report_phase::archive});
   report_timer_add(&group->timer);
-  // Files of an earlier run are deleted before anything new is written.
-  qz2fh_delete_dir_file(group->spool);
-  qz2fh_create_dir(group->spool);
+  // Files of an earlier run are deleted before anything new is written;
+  // durable mode first archives and keeps them (archive_recover_leftovers,
+  // once the group's datasets are set up).
+  if (!unsent_enabled()) {
+    qz2fh_delete_dir_file(group->spool);
+    qz2fh_create_dir(group->spool);
+  }
 }
 
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template) {
@@ -71,14 +90,39 @@ void bcp_file_list_add(bcp_dataset *ds) {
   g->bcp_file_count = static_cast<uint16_t>((g->bcp_file_count + 1) % BCP_FILE_LIST_SIZE);
 }
 
+void bcp_close_open_files(bcp_group *g) {
+  for (bcp_dataset &ds : g->datasets) {
+    if (!ds.fp)
+      continue;
+    bcp_file_list_add(&ds);
+    fclose(ds.fp);
+    ds.fp = nullptr;
+    ds.record_count = 0;
+  }
+}
+
+void bcp_flush_written() {
+  if (!unflushed)
+    return;
+  unflushed = false;
+  for (int i = 0; i < group_count; i++)
+    for (bcp_dataset &ds : groups[i]->datasets)
+      if (ds.fp)
+        fflush(ds.fp);
+}
+
 int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
   if (!ds->fp) {
     char path[BCP_NAME_SIZE];
     qz2fh_get_bcp_filename(ds, path, sizeof(path));
-    if (qz2fh_open_bcp_file(ds, path) != 0)
+    if (qz2fh_open_bcp_file(ds, path) != 0) {
+      ds->refused++;
       return 1;
+    }
   }
   fwrite(line, 1, len, ds->fp);
+  ds->records++;
+  unflushed = true;
   if (++ds->record_count == BCP_MAX_RECORDS) {
     bcp_file_list_add(ds);
     fclose(ds->fp);

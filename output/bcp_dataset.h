@@ -29,6 +29,8 @@ struct bcp_dataset {
   uint16_t bcp_sequence;  // sequence number of the next file, wrapping
   bcp_group *group;       // set by bcp_group_init
   bcp_line_plan *plan;    // its line's fixed parts, made on first use
+  uint64_t records;       // lines written since start
+  uint64_t refused;       // records refused or lost since start
 };
 
 struct bcp_file_entry {
@@ -55,7 +57,13 @@ struct bcp_group {
   uint16_t bcp_file_count;
   bcp_group_state state;
   report_timer timer;
+  upload_counters uploads;
 };
+
+// Groups in the order they were set up (for the counters and for flushing).
+constexpr int BCP_MAX_GROUPS = 4;
+int bcp_group_count();
+bcp_group *bcp_group_at(int index);
 
 // Names the group, links its datasets to it, schedules its archive timer
 // every 300 s, and empties and creates its spool directory. Groups live in
@@ -73,3 +81,10 @@ int bcp_write_line(bcp_dataset *ds, const char *line, size_t len);
 // Appends a finished file to its group's list; archives the group at once
 // when the list could not take the group's open files any more.
 void bcp_file_list_add(bcp_dataset *ds);
+// Closes the group's open files and lists them.
+void bcp_close_open_files(bcp_group *group);
+
+// Durable mode: writes every record line written so far to its file, so
+// that a crash loses nothing the loop has finished handling. Cheap when
+// nothing was written since the last call.
+void bcp_flush_written();

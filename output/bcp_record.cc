@@ -115,6 +115,7 @@ int bcp_emit_line(const char *func, bcp_dataset *ds, const bcp_line &line, bool 
   if (!built) {
     log_msg_as(func, ERROR, "%s record refused: longer than %d bytes\n", ds->name,
                static_cast<int>(BCP_LINE_SIZE) - 1);
+    ds->refused++;
     return 1;
   }
   log_msg_as(func, DEBUG, "%s-%s:%s\n", ds->group->log_tag, ds->name, line.c_str());

@@ -1,5 +1,7 @@
 #include "output/spool.h"
 
+#include <sys/wait.h>
+
 #include <cstdio>
 
 #include "config/config.h"
@@ -94,14 +96,14 @@ void qz2fh_form_zip_file(const bcp_group *group) {
   if (!command_fits(n, __func__))
     return;
   log_msg(DEBUG, "%s\n", cmd);
-  command_system(cmd, COMMAND_LIMIT_TRANSFER);
+  command_system(cmd, COMMAND_ZIP);
 }
 
 namespace {
 
 // Builds and runs the upload command, logging it under "qz2fh_send_zip_file"
 // with the password masked.
-void send_file(const char *local_path, const char *remote_dir) {
+int send_file(const char *local_path, const char *remote_dir) {
   static const char func[] = "qz2fh_send_zip_file";
   const std::string local = shell_word(local_path);
   const std::string user = url_credential(qz2fh_get_ftp_username());
@@ -113,22 +115,28 @@ void send_file(const char *local_path, const char *remote_dir) {
                    user.c_str(), url_credential(qz2fh_get_ftp_password()).c_str(), host.c_str(),
                    port.c_str(), remote.c_str());
   if (!command_fits(n, func))
-    return;
+    return -1;
   char shown[COMMAND_SIZE + 32];
   snprintf(shown, sizeof(shown), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
            user.c_str(), "[KEY DATA REMOVED]", host.c_str(), port.c_str(), remote.c_str());
   log_msg_as(func, DEBUG, "system cmd: %s\n", shown);
-  command_system(cmd, COMMAND_LIMIT_TRANSFER);
+  return upload_status(command_system(cmd, COMMAND_UPLOAD));
 }
 
 }  // namespace
 
-void qz2fh_send_zip_file(const bcp_group *group) {
+int qz2fh_send_zip_file(const bcp_group *group) {
   char local_path[COMMAND_SIZE];
   snprintf(local_path, sizeof(local_path), "%s/%s", group->spool.path, group->state.zip_name);
-  send_file(local_path, group->spool.path);
+  return send_file(local_path, group->spool.path);
 }
 
-void qz2fh_send_file(const char *local_path, const spool_dir &dir) {
-  send_file(local_path, dir.path);
+int qz2fh_send_file(const char *local_path, const spool_dir &dir) {
+  return send_file(local_path, dir.path);
+}
+
+int upload_status(int wait_status) {
+  if (wait_status == -1 || !WIFEXITED(wait_status))
+    return -1;
+  return WEXITSTATUS(wait_status);
 }

@@ -19,6 +19,20 @@ struct spool_dir {
 // The spool directory of id: the one place its path is made.
 spool_dir spool_dir_of(uint32_t id);
 
+// What became of a spool's uploads, counted since start.
+struct upload_counters {
+  uint64_t zips;  // files formed for upload (zips, or status files)
+  uint64_t uploads_ok;
+  uint64_t uploads_failed;
+  char last_zip[SPOOL_PATH_SIZE];  // name of the last file formed
+  int last_upload_status;          // see upload_status; 0 before any upload
+};
+
+// The exit status of an upload command from its wait status: 0 when it
+// succeeded, wput's own status when it failed, -1 when it could not run,
+// was killed or was not run at all.
+int upload_status(int wait_status);
+
 // "mkdir <dir> 2>/dev/null".
 void qz2fh_create_dir(const spool_dir &dir);
 // "rm <dir>/* 2>/dev/null"; returns the command's wait status.
@@ -26,10 +40,12 @@ int qz2fh_delete_dir_file(const spool_dir &dir);
 // Moves every file of the group's spool directory into its zip
 // (state.zip_name) there.
 void qz2fh_form_zip_file(const bcp_group *group);
-// Uploads the group's zip with wput to the configured FTP server.
-void qz2fh_send_zip_file(const bcp_group *group);
-// Uploads any file of a spool directory the same way (the status report).
-void qz2fh_send_file(const char *local_path, const spool_dir &dir);
+// Uploads the group's zip with wput to the configured FTP server; returns
+// the upload's status (upload_status).
+int qz2fh_send_zip_file(const bcp_group *group);
+// Uploads a file the same way to the remote directory named after dir (the
+// status report, and kept files).
+int qz2fh_send_file(const char *local_path, const spool_dir &dir);
 
 // Backslash-escapes what the shell would interpret in an unquoted word;
 // ordinary names, addresses and numbers come out unchanged.

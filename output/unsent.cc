@@ -165,6 +165,27 @@ std::vector<unsent_file> unsent_files(uint32_t id) {
   return files;
 }
 
+void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix) {
+  if (!unsent_enabled())
+    return;
+  std::vector<std::string> names;
+  if (DIR *d = opendir(dir.path)) {
+    while (dirent *e = readdir(d)) {
+      const std::string name = e->d_name;
+      const size_t n = strlen(suffix);
+      if (name.size() > n && name.compare(name.size() - n, n, suffix) == 0)
+        names.push_back(name);
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string &name : names) {
+    const std::string path = std::string(dir.path) + "/" + name;
+    log_msg(DEBUG, "%s left by the last run: kept to be sent\n", name.c_str());
+    unsent_keep(id, path.c_str());
+  }
+}
+
 void unsent_delivered(const unsent_file &file) { unlink(file.path.c_str()); }
 
 void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes) {
@@ -173,5 +194,42 @@ void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes) {
   for (const unsent_file &f : unsent_files(id)) {
     (*files)++;
     *bytes += f.size;
+  }
+}
+
+bool upload_done(upload_counters *counters, uint32_t id, const char *path, int status) {
+  counters->last_upload_status = status;
+  if (status == 0) {
+    counters->uploads_ok++;
+    return true;
+  }
+  counters->uploads_failed++;
+  if (unsent_enabled()) {
+    const char *slash = strrchr(path, '/');
+    log_msg(WARN, "upload of %s failed with status %d: kept to be sent again\n",
+            slash ? slash + 1 : path, status);
+    unsent_keep(id, path);
+  }
+  return false;
+}
+
+void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir) {
+  if (!unsent_enabled())
+    return;
+  int sent = 0;
+  for (const unsent_file &f : unsent_files(id)) {
+    if (sent == UNSENT_RESEND_MAX)
+      break;
+    const int status = qz2fh_send_file(f.path.c_str(), dir);
+    counters->last_upload_status = status;
+    if (status != 0) {
+      counters->uploads_failed++;
+      log_msg(DEBUG, "kept file %s not sent again: status %d\n", f.name.c_str(), status);
+      break;
+    }
+    counters->uploads_ok++;
+    log_msg(DEBUG, "sent kept file :%s\n", f.name.c_str());
+    unsent_delivered(f);
+    sent++;
   }
 }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "output/spool.h"
+
 // At most this many files and bytes are kept per group; beyond them the
 // oldest files are deleted.
 constexpr size_t UNSENT_MAX_FILES = 64;
@@ -36,8 +38,22 @@ struct unsent_file {
 // The group's kept files, oldest first (by time of writing, then name).
 std::vector<unsent_file> unsent_files(uint32_t id);
 
+// Durable mode: keeps every file of a spool directory whose name ends with
+// suffix (files a stopped run could not send); nothing otherwise.
+void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix);
+
 // Removes a kept file once it has been delivered.
 void unsent_delivered(const unsent_file &file);
 
 // Files and bytes the group keeps now.
 void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes);
+
+// Counts an upload of path with its status (upload_status). In durable
+// mode a failed one is logged and its file kept. True when it worked.
+bool upload_done(upload_counters *counters, uint32_t id, const char *path, int status);
+
+// Durable mode: sends the group's kept files again, oldest first, at most
+// UNSENT_RESEND_MAX, to the remote directory named after dir; a file sent
+// is deleted, and the first failure ends the round.
+constexpr int UNSENT_RESEND_MAX = 4;
+void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir);

@@ -13,6 +13,7 @@
 #include "frame/report_timer.h"
 #include "frame/str_table.h"
 #include "output/spool.h"
+#include "output/unsent.h"
 
 namespace {
 
@@ -24,14 +25,12 @@ struct bjson_node {
   char name[36];        // its MAC text as listed; the table's key
 };
 
-// The report's spool directory; the report is not a dataset group.
-constexpr uint32_t STATUS_DIR_ID = 144;
-
 bjson_node bjson_node_list = {&bjson_node_list, &bjson_node_list, 0, {}};
 GHashTable *bjson_node_table;
 uint16_t bjson_sequence;
 report_timer bjson_timer;
 spool_dir status_dir;
+upload_counters bjson_uploads;
 
 bool count_node(const char *name) {
   auto *node = static_cast<bjson_node *>(str_table_get(bjson_node_table, name));
@@ -97,6 +96,7 @@ int write_nodes(FILE *fp) {
 }  // namespace
 
 report_result bjson_report_timer(void *) {
+  bool sent = true;  // a report with no file has no failed upload
   if (bjson_update_node_list()) {
     char path[SPOOL_PATH_SIZE];
     snprintf(path, sizeof(path), "%s/145-%s-%llu-%d-DEVICESTATUS-0.bjson", status_dir.path,
@@ -107,14 +107,22 @@ report_result bjson_report_timer(void *) {
       const int lines = write_nodes(fp);
       fclose(fp);
       if (lines > 0) {
-        qz2fh_send_file(path, status_dir);
+        bjson_uploads.zips++;
+        snprintf(bjson_uploads.last_zip, sizeof(bjson_uploads.last_zip), "%s",
+                 path + strlen(status_dir.path) + 1);
+        const int status = qz2fh_send_file(path, status_dir);
         log_msg(DEBUG, "send bjson file :%s\n", path);
+        sent = upload_done(&bjson_uploads, QZ2FH_STATUS_DIR_ID, path, status);
       }
     }
   }
   qz2fh_delete_dir_file(status_dir);
+  if (sent)
+    unsent_resend(&bjson_uploads, QZ2FH_STATUS_DIR_ID, status_dir);
   return report_result::done;
 }
+
+const upload_counters &bjson_upload_counters() { return bjson_uploads; }
 
 void bjson_report_init() {
   bjson_node_table = str_table_new();
@@ -123,7 +131,9 @@ void bjson_report_init() {
   report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS,
                     {report_owner_new(), report_phase::records});
   report_timer_add(&bjson_timer);
-  status_dir = spool_dir_of(STATUS_DIR_ID);
+  status_dir = spool_dir_of(QZ2FH_STATUS_DIR_ID);
+  // Durable mode: a status file a stopped run could not send is kept too.
+  unsent_keep_leftovers(QZ2FH_STATUS_DIR_ID, status_dir, ".bjson");
   qz2fh_delete_dir_file(status_dir);
   qz2fh_create_dir(status_dir);
 }

@@ -60,7 +60,7 @@ TEST(Command, NeverEndingCommandsAreKilledWithTheirProcessGroups) {
   const pid_t sleeper = read_pid("/tmp/sleeper");
   ASSERT_GT(sleeper, 0);
   EXPECT_TRUE(gone(sleeper));
-  EXPECT_EQ(command_system("cd /tmp;sleep 1000 >/dev/null", COMMAND_LIMIT_TRANSFER), -1);
+  EXPECT_EQ(command_system("cd /tmp;sleep 1000 >/dev/null", COMMAND_ZIP), -1);
   const std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_NE(err.find("WARN:printf still running after 10 s: killed with its process group\n"),
             std::string::npos)

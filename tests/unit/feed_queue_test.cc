@@ -31,10 +31,11 @@ std::vector<handled_msg> handled;
 unsigned handle_delay_us;
 
 template <int Feed>
-void record(const uint8_t *data, size_t len) {
+bool record(const uint8_t *data, size_t len) {
   handled.push_back({Feed, std::string(reinterpret_cast<const char *>(data), len)});
   if (handle_delay_us)
     std::this_thread::sleep_for(std::chrono::microseconds(handle_delay_us));
+  return len != 0;  // an empty message counts as refused
 }
 
 // A datagram socket pair: the daemon's end and the sender's.

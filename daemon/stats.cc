@@ -1,0 +1,96 @@
+#include "daemon/stats.h"
+
+#include <jansson.h>
+
+#include <cstdio>
+#include <string>
+
+#include "frame/feed_queue.h"
+#include "frame/paths.h"
+#include "output/bcp_dataset.h"
+#include "output/unsent.h"
+#include "status/bjson.h"
+
+namespace {
+
+json_t *number(uint64_t n) { return json_integer(static_cast<json_int_t>(n)); }
+
+json_t *feeds() {
+  json_t *all = json_object();
+  for (int i = 0; i < feed_queue_source_count(); i++) {
+    const feed_counters &c = feed_queue_counters(i);
+    json_t *f = json_object();
+    json_object_set_new(f, "received", number(c.received));
+    json_object_set_new(f, "handled", number(c.handled));
+    json_object_set_new(f, "refused", number(c.refused));
+    json_object_set_new(f, "deferred", number(c.deferred));
+    json_object_set_new(f, "overruns", number(c.overruns));
+    json_object_set_new(f, "queue_peak_bytes", number(c.queue_peak_bytes));
+    json_object_set_new(all, feed_queue_source_name(i), f);
+  }
+  return all;
+}
+
+json_t *datasets() {
+  json_t *all = json_object();
+  for (int i = 0; i < bcp_group_count(); i++) {
+    for (const bcp_dataset &ds : bcp_group_at(i)->datasets) {
+      if (!ds.name)
+        continue;
+      json_t *d = json_object();
+      json_object_set_new(d, "records", number(ds.records));
+      json_object_set_new(d, "refused", number(ds.refused));
+      json_object_set_new(all, ds.name, d);
+    }
+  }
+  return all;
+}
+
+json_t *uploads(uint32_t id, const upload_counters &c) {
+  size_t files;
+  uint64_t bytes;
+  unsent_usage(id, &files, &bytes);
+  json_t *g = json_object();
+  json_object_set_new(g, "zips", number(c.zips));
+  json_object_set_new(g, "uploads_ok", number(c.uploads_ok));
+  json_object_set_new(g, "uploads_failed", number(c.uploads_failed));
+  json_object_set_new(g, "last_zip", json_string(c.last_zip));
+  json_object_set_new(g, "last_upload_status", json_integer(c.last_upload_status));
+  json_object_set_new(g, "unsent_files", number(files));
+  json_object_set_new(g, "unsent_bytes", number(bytes));
+  return g;
+}
+
+json_t *groups() {
+  json_t *all = json_object();
+  for (int i = 0; i < bcp_group_count(); i++) {
+    const bcp_group *g = bcp_group_at(i);
+    json_object_set_new(all, std::to_string(g->id).c_str(), uploads(g->id, g->uploads));
+  }
+  json_object_set_new(all, std::to_string(QZ2FH_STATUS_DIR_ID).c_str(),
+                      uploads(QZ2FH_STATUS_DIR_ID, bjson_upload_counters()));
+  return all;
+}
+
+}  // namespace
+
+int stats_write(time_t started) {
+  json_t *root = json_object();
+  json_object_set_new(root, "started", json_integer(static_cast<json_int_t>(started)));
+  json_object_set_new(root, "now", json_integer(static_cast<json_int_t>(time(nullptr))));
+  json_object_set_new(root, "feeds", feeds());
+  json_object_set_new(root, "datasets", datasets());
+  json_object_set_new(root, "groups", groups());
+  static const char tmp[] = QZ_STATS_PATH ".tmp";
+  FILE *fp = fopen(tmp, "we");
+  int rc = -1;
+  if (fp) {
+    const bool written = json_dumpf(root, fp, JSON_PRESERVE_ORDER) == 0 && fputc('\n', fp) != EOF;
+    if (fclose(fp) == 0 && written && rename(tmp, QZ_STATS_PATH) == 0)
+      rc = 0;
+    else
+      remove(tmp);
+  }
+  json_decref(root);
+  return rc;
+}
