@@ -111,15 +111,11 @@ void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const char *in
   report_timer_add(timer);
 }
 
-int bcp_emit_line(const char *func, bcp_dataset *ds, const bcp_line &line, bool built) {
-  if (!built) {
-    log_msg_as(func, ERROR, "%s record refused: longer than %d bytes\n", ds->name,
-               static_cast<int>(BCP_LINE_SIZE) - 1);
-    ds->refused++;
-    return 1;
-  }
-  log_msg_as(func, DEBUG, "%s-%s:%s\n", ds->group->log_tag, ds->name, line.c_str());
-  return bcp_write_line(ds, line.c_str(), line.size());
+int bcp_line_refused(const char *func, bcp_dataset *ds) {
+  log_msg_as(func, ERROR, "%s record refused: longer than %d bytes\n", ds->name,
+             static_cast<int>(BCP_LINE_SIZE) - 1);
+  ds->refused++;
+  return 1;
 }
 
 const char *bcp_make_template(const bcp_column_text *texts, size_t count,

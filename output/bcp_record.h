@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "config/config.h"
+#include "frame/log.h"
 #include "output/bcp_dataset.h"
 
 constexpr size_t BCP_LINE_SIZE = 4096;
@@ -157,19 +158,20 @@ bool bcp_build_line(bcp_line &line, bcp_line_plan &plan, const bcp_column<Ctx> *
   return line.ok();
 }
 
-// Logs a record built (or refused) for ds under func, as "<group
-// tag>-<dataset code>:<line>", and appends it by the writing frame. 1 when
-// the line was refused or no file could be opened.
-int bcp_emit_line(const char *func, bcp_dataset *ds, const bcp_line &line, bool built);
+// Logs under func that a record of ds did not fit a line, and counts it.
+// Returns 1.
+int bcp_line_refused(const char *func, bcp_dataset *ds);
 
-// Builds the dataset's record from ctx through its column table and emits
-// it.
+// Builds the dataset's record from ctx through its column table, logs it
+// under func as "<group tag>-<dataset code>:<line>" and appends it by the
+// writing frame. 1 when the line was refused or no file could be opened.
 template <typename Ctx, typename Table>
 int bcp_emit(const char *func, bcp_dataset *ds, const Table &cols, const Ctx &ctx) {
   bcp_line line;
-  const bool built =
-      bcp_build_line(line, bcp_dataset_plan(ds), std::data(cols), std::size(cols), ctx);
-  return bcp_emit_line(func, ds, line, built);
+  if (!bcp_build_line(line, bcp_dataset_plan(ds), std::data(cols), std::size(cols), ctx))
+    return bcp_line_refused(func, ds);
+  log_msg_as(func, DEBUG, "%s-%s:%s\n", ds->group->log_tag, ds->name, line.c_str());
+  return bcp_write_line(ds, line.c_str(), line.size());
 }
 
 // Sets up a dataset written by its own 300-s timer: the descriptor with
