@@ -22,6 +22,11 @@ Runs under Debian's /usr/bin/python3 (pyftpdlib), as root.
 A cross build runs under qemu-user when QZ_EMULATOR names the emulator
 (qemu-aarch64-static) and QZ_SYSROOT the target's root, which holds its
 loader, libraries and libfaketime (packaging/cross/sysroot.sh makes one).
+The daemon's own loader then preloads the target's libfaketime and the
+libraries a test asks for; the commands it starts are this machine's
+programs and run on the real clock.  They cannot share the daemon's faked
+clock: libfaketime passes it to children in shared memory laid out in the
+daemon's byte order and word size.
 """
 
 import codecs
@@ -49,9 +54,7 @@ if TOOLS_DIR not in sys.path:
 from qz_ftp_sink import FtpSink  # noqa: E402
 
 UNSHARE = "/usr/bin/unshare"
-# Where Debian's libfaketime lies; $LIB is the loader's own library
-# directory (lib/<multiarch>), which an emulated target's loader and this
-# machine's each expand for themselves.
+# Where Debian's libfaketime lies: /usr/lib/<multiarch>/faketime.
 FAKETIME_PATH = "/usr/%s/faketime/libfaketime.so.1"
 SYSTEM_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
@@ -928,9 +931,10 @@ class Sandbox:
         e["PATH"] = self.bin_dir + ":" + SYSTEM_PATH
         e["TZ"] = "UTC0"
         libs = []
+        emulated = emulation()
         if start is not None:
-            # An emulated daemon's commands are this machine's programs.
-            libs.append(FAKETIME_PATH % "$LIB" if emulation() else faketime_lib())
+            if not emulated:
+                libs.append(faketime_lib())
             if isinstance(start, (int, float)):
                 start = "%d" % start
                 e["FAKETIME_FMT"] = "%s"
@@ -942,7 +946,7 @@ class Sandbox:
             # libfaketime's ARM builds leave alone unless told otherwise.
             e["FAKETIME_DONT_FAKE_MONOTONIC"] = "0"
         libs += [p for p in os.environ.get("QZ_EXTRA_PRELOAD", "").split(":") if p]
-        if not emulation():
+        if not emulated:
             libs += list(preload)
         if libs:
             e["LD_PRELOAD"] = ":".join(libs)
@@ -965,8 +969,8 @@ class Sandbox:
 
         It starts in a scratch directory of the sandbox (cwd), so that a
         detached copy shows its change to "/"."""
-        d = Daemon(daemon_argv(args, preload), self.daemon_env(accel, start, env, preload),
-                   cwd=cwd or self.work_dir)
+        d = Daemon(daemon_argv(args, preload, faketime=start is not None),
+                   self.daemon_env(accel, start, env, preload), cwd=cwd or self.work_dir)
         self.daemons.append(d)
         return d
 
@@ -993,19 +997,21 @@ def _paths_to_keep():
     return sorted(p for p in paths if not any(p != q and p.startswith(q + "/") for q in paths))
 
 
-def daemon_argv(args=(), preload=()):
+def daemon_argv(args=(), preload=(), faketime=False):
     """Command line that runs $QZ_BIN with args. Under emulation the target's
-    own loader preloads the target's libraries, so that they do not reach
-    the commands the daemon starts, which are this machine's programs."""
+    own loader preloads the target's libfaketime (with faketime) and the
+    libraries in preload, so that they do not reach the commands the
+    daemon starts (see above); natively daemon_env() preloads them."""
     binary = daemon_binary()
     emulated = emulation()
     if not emulated:
         return [binary] + list(args)
     emulator, root = emulated
-    loader = elf_interpreter(binary)
-    argv = emulator + ["-L", root, root + loader]
-    if preload:
-        argv += ["--preload", ":".join(preload)]
+    # $LIB: the target loader's own library directory, lib/<multiarch>.
+    libs = ([FAKETIME_PATH % "$LIB"] if faketime else []) + list(preload)
+    argv = emulator + ["-L", root, root + elf_interpreter(binary)]
+    if libs:
+        argv += ["--preload", ":".join(libs)]
     return argv + [binary] + list(args)
 
 

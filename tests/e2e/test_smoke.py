@@ -12,7 +12,6 @@ import zipfile
 import qz_router_sim as sim
 import qz_sandbox
 from e2e_base import LONG_WAIT, SandboxCase, bcp_check, messages, uploads, wait_running
-from tick_wum import TickWum
 
 GOLDEN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "golden", "smoke.txt")
 AP1, AP2 = "00:1a:2b:3c:4d:5e", "00:1a:2b:3c:4d:6f"
@@ -23,6 +22,16 @@ SENT = re.compile(r"(\w+)<\d+>: DEBUG:(?:form zip file :|send bjson file :/tmp/1
 # Uploads of two cycles: the status report runs at every tick, the groups'
 # first archives have files from the second tick on.
 CYCLES = {"tmp/145": 2, "tmp/146": 2, "tmp/144": 3}
+# A `wum` that holds its first run, the first tick's scan, while the hold
+# file exists.  It needs no clock: under qemu-user the daemon's commands
+# run on the real one.
+HOLDING_WUM = """#!/bin/sh
+if mkdir '{state}/first' 2>/dev/null; then
+    : > '{state}/held'
+    while [ -e '{state}/hold' ]; do sleep 0.05; done
+fi
+exec '{real}' "$@"
+"""
 
 
 def untimed(data):
@@ -53,10 +62,17 @@ class SmokeTest(SandboxCase):
     def test_one_terminal_two_cycles(self):
         self.sb.write_config()
         sim.write_wifi_info(TERMINAL, AP1, "-45")
-        wum = TickWum(self.sb, [["1 %s online AP-Lobby" % AP1, "2 %s online AP-Terrace" % AP2]])
+        self.sb.set_wtps(["1 %s online AP-Lobby" % AP1, "2 %s online AP-Terrace" % AP2])
         # Events sent while the first tick is held are handled when it is
         # over: all three land in the second cycle, however slow the start.
-        wum.pause_at(0)
+        state = os.path.join(self.sb.private, "wum")
+        os.makedirs(state)
+        open(os.path.join(state, "hold"), "w").close()
+        wum = os.path.join(self.sb.bin_dir, "wum")
+        with open(wum, "w") as f:
+            f.write(HOLDING_WUM.format(state=state,
+                                       real=os.path.join(qz_sandbox.TOOLS_DIR, "wum")))
+        os.chmod(wum, 0o755)
         kernel = sim.FakeKernel(block=True, block_timeout=LONG_WAIT)
         self.addCleanup(kernel.close)
         stub = os.path.join(os.path.dirname(qz_sandbox.daemon_binary()), "tools",
@@ -64,12 +80,12 @@ class SmokeTest(SandboxCase):
         d = self.sb.start_daemon(["-D"], preload=(stub,))
         kernel.wait_registration(LONG_WAIT, expected_pid=d.pid)
         d.wait_for(r"init shell fd success!", timeout=LONG_WAIT)
-        wum.wait_paused(d, 0)
+        wait_running(d, lambda: os.path.exists(os.path.join(state, "held")), "the first tick")
         with sim.ShellSender(block_timeout=LONG_WAIT) as shell:
             shell.online(TERMINAL, "192.168.1.10", 1)
             kernel.send_http(TERMINAL, "192.168.1.10", "10.0.0.1", 51000, 80)
             shell.offline(TERMINAL)
-        wum.resume(0)
+        os.unlink(os.path.join(state, "hold"))
         wait_running(d, lambda: all(len(uploads(self.sb.ftp, remote)) >= count
                                     for remote, count in CYCLES.items()), "two cycles")
         d.stop()
