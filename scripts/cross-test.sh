@@ -95,8 +95,19 @@ start=$(date +%s)
 cmake -S . -B "$host/release" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$host/release" -j"$jobs" --target qz_fh_audit qz_nlstub qz_parse_dump >/dev/null
 host_time=$(($(date +%s) - start))
-cmake -S . -B "$host/router" -DQZ_ROUTER_BUILD=ON >/dev/null
+# The x86-64 router build comes from the release tarball of HEAD, built as
+# the OpenWrt package builds it.
+tarball=$(scripts/dist.sh | head -n 1)
+rm -rf "$host/dist"
+mkdir -p "$host/dist"
+tar -xzf "$tarball" -C "$host/dist"
+src=$host/dist/$(basename "$tarball" .tar.gz)
+mkdir -p "$src/openwrt-build"
+ln -sfn "$src/openwrt-build" "$host/router"
+cmake -S "$src" -B "$src/openwrt-build" -DQZ_ROUTER_BUILD=ON -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
 cmake --build "$host/router" -j"$jobs" --target qz_fh_audit qz_nlstub >/dev/null
+DESTDIR=$host/dist/root cmake --install "$host/router" >/dev/null
+[ -x "$host/dist/root/usr/sbin/qz_fh_audit" ] || fail "$host/dist/root/usr/sbin/qz_fh_audit"
 (cd "$host/router" && ctest -R router_needed_libraries --output-on-failure) >"$host.ctest.log" 2>&1 ||
 	fail "$host.ctest.log"
 parse_dump "$host/release/fuzz/qz_parse_dump" >"$host/parse.txt"
