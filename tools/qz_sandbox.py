@@ -40,10 +40,10 @@ import shlex
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
-import struct
 import threading
 import time
 
@@ -1009,7 +1009,10 @@ def daemon_argv(args=(), preload=(), faketime=False):
     emulator, root = emulated
     # $LIB: the target loader's own library directory, lib/<multiarch>.
     libs = ([FAKETIME_PATH % "$LIB"] if faketime else []) + list(preload)
-    argv = emulator + ["-L", root, root + elf_interpreter(binary)]
+    loader = elf_interpreter(binary)
+    if loader is None:
+        raise RuntimeError("%s is linked statically: nothing can be preloaded" % binary)
+    argv = emulator + ["-L", root, root + loader]
     if libs:
         argv += ["--preload", ":".join(libs)]
     return argv + [binary] + list(args)

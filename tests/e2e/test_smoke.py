@@ -16,7 +16,7 @@ from e2e_base import LONG_WAIT, SandboxCase, bcp_check, messages, uploads, wait_
 GOLDEN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "golden", "smoke.txt")
 AP1, AP2 = "00:1a:2b:3c:4d:5e", "00:1a:2b:3c:4d:6f"
 TERMINAL = "aa:bb:cc:dd:ee:ff"
-# Seconds since the epoch from 2023-11 to 2027-01: the run's faked times.
+# Seconds since the epoch, late 2023 to 2030: the run's faked times.
 TIME = re.compile(rb"(?<!\d)1[78]\d{8}(?!\d)")
 SENT = re.compile(r"(\w+)<\d+>: DEBUG:(?:form zip file :|send bjson file :/tmp/144/)(\S+)\n")
 # Uploads of two cycles: the status report runs at every tick, the groups'
