@@ -89,14 +89,13 @@ fail() {
 	faillogs="$faillogs $1"
 }
 
-echo "== x86-64 reference ($(uname -m))"
+machine=$(uname -m)
+echo "== this machine ($machine), the reference"
 host=$out/host
-start=$(date +%s)
 cmake -S . -B "$host/release" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$host/release" -j"$jobs" --target qz_fh_audit qz_nlstub qz_parse_dump >/dev/null
-host_time=$(($(date +%s) - start))
-# The x86-64 router build comes from the release tarball of HEAD, built as
-# the OpenWrt package builds it.
+# This machine's router build comes from the release tarball of HEAD, built
+# as the OpenWrt package builds it.
 tarball=$(scripts/dist.sh | head -n 1)
 rm -rf "$host/dist"
 mkdir -p "$host/dist"
@@ -115,7 +114,7 @@ host_smoke=passed
 for build in release router; do
 	smoke "$host/$build/qz_fh_audit" || { host_smoke=FAILED; fail "$host/$build/qz_fh_audit.smoke.log"; }
 done
-note "x86_64 $host_time $(stripped_size "" "$host/release/qz_fh_audit")" \
+note "$machine - $(stripped_size "" "$host/release/qz_fh_audit")" \
 	"$(stripped_size "" "$host/router/qz_fh_audit") - - $host_smoke"
 
 for target in $targets; do
