@@ -1,7 +1,8 @@
 #!/bin/sh
 # Lints the packaging: every shell script under packaging/ goes through the
-# shell's own syntax check and shellcheck, and the example configuration
-# must hold the seventeen string keys the daemon needs.
+# shell's own syntax check and shellcheck, the example configuration must
+# hold the seventeen string keys the daemon needs, and the OpenWrt package
+# must carry the tree's version.
 # Exit status 0 when everything passes, 1 otherwise.
 set -u
 
@@ -62,6 +63,17 @@ bad = [k for k in keys if not isinstance(conf.get(k), str)]
 if bad:
     sys.exit("%s: missing or not a string: %s" % (sys.argv[1], ", ".join(bad)))
 EOF
+
+# The OpenWrt package ships the version the tree builds (scripts/dist.sh
+# --openwrt writes it), with a full SHA-256 of its tarball.
+makefile=$here/openwrt/Makefile
+cmake_version=$(sed -n 's/^project(qz_fh_audit VERSION \([0-9.]*\) .*/\1/p' "$here/../CMakeLists.txt")
+pkg_version=$(sed -n 's/^PKG_VERSION:=//p' "$makefile")
+if [ -z "$cmake_version" ] || [ "$pkg_version" != "$cmake_version" ]; then
+	fail "openwrt/Makefile: PKG_VERSION $pkg_version, but CMakeLists.txt says $cmake_version"
+fi
+grep -q '^PKG_HASH:=[0-9a-f]\{64\}$' "$makefile" || fail "openwrt/Makefile: PKG_HASH is no SHA-256"
+grep -q '+libstdcpp' "$makefile" && fail "openwrt/Makefile: the router build needs no libstdcpp"
 
 if [ "$failed" -eq 0 ]; then
 	echo "packaging: $checked shell scripts and the example configuration pass"

@@ -1,6 +1,8 @@
 #!/bin/sh
 # Builds and runs every test: plainly, then under AddressSanitizer and
-# UndefinedBehaviorSanitizer, then each fuzz target for a short while.
+# UndefinedBehaviorSanitizer, then each fuzz target for a short while, then
+# the router build and the cross builds for arm64, armhf, s390x and mipsel
+# under qemu-user (scripts/cross-test.sh).
 # Needs root (tests run the daemon in private namespaces).
 set -eu
 cd "$(dirname "$0")/.."
@@ -20,4 +22,6 @@ echo "== sanitizer build"
 run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DQZ_SANITIZE=ON
 echo "== fuzz targets"
 ./scripts/fuzz.sh "${QZ_FUZZ_SECONDS:-15}"
+echo "== cross builds"
+./scripts/cross-test.sh
 echo "== all tests passed"

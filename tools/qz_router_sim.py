@@ -9,6 +9,10 @@ daemon's netlink traffic over abstract unix sockets "\\0qz_nl28/<port>").
 Paths are fixed, as in the daemon: isolate runs with mount and network
 namespaces. Standard library only.
 
+Integers in the datagrams and netlink headers are in the daemon's byte
+order, as the router's own programs write them: that of the binary named
+by $QZ_BIN (a cross build run under qemu-user), else this machine's.
+
 Command line (for shell scripts):
   qz_router_sim.py wifi MAC AP_MAC [--strength S] [--ip IP] [--aux1 A]
                         [--aux2 B] [--ap-info] [--count N]
@@ -25,6 +29,7 @@ R events per second. Bulk sends print "sent=N refused=M".
 """
 
 import argparse
+import functools
 import ipaddress
 import os
 import select
@@ -54,6 +59,26 @@ EVENT_FIELDS_END = 52  # first byte after the destination port
 DEFAULT_EVENT_LEN = 200
 DAEMON_NAME = "qz_fh_audit"
 SO_SNDBUFFORCE = getattr(socket, "SO_SNDBUFFORCE", 32)
+
+
+# --- byte order -------------------------------------------------------------
+
+@functools.lru_cache(maxsize=None)
+def _elf_byte_order(path):
+    try:
+        with open(path, "rb") as f:
+            head = f.read(6)
+    except OSError:
+        return None
+    if head[:4] != b"\x7fELF":
+        return None
+    return "<" if head[5] == 1 else ">"
+
+
+def byte_order():
+    """struct prefix ("<" or ">") for the daemon's integers."""
+    order = _elf_byte_order(os.environ["QZ_BIN"]) if os.environ.get("QZ_BIN") else None
+    return order or ("<" if sys.byteorder == "little" else ">")
 
 
 # --- wireless status files ------------------------------------------------
@@ -161,9 +186,10 @@ def _sndtimeo(sock, seconds):
 # --- online/offline datagrams ---------------------------------------------
 
 def build_shell_msg(cmd, text, nul=True):
-    """Command type (u32, host order) followed by the text and its NUL."""
+    """Command type (u32, the daemon's byte order) followed by the text and
+    its NUL."""
     data = text.encode() if isinstance(text, str) else bytes(text)
-    return struct.pack("=I", cmd) + data + (b"\0" if nul else b"")
+    return struct.pack(byte_order() + "I", cmd) + data + (b"\0" if nul else b"")
 
 
 def online_text(mac, ip, auth_type, extra=None, account=None):
@@ -260,8 +286,9 @@ class RegistrationError(AssertionError):
 
 def build_registration(pid):
     """The registration message the daemon must send, byte for byte."""
-    return (struct.pack("=IHHII", REGISTRATION_LEN, 0, 0, 0, pid) +
-            struct.pack("=IBB", 1, 1, 1) + bytes(REGISTRATION_LEN - 22))
+    order = byte_order()
+    return (struct.pack(order + "IHHII", REGISTRATION_LEN, 0, 0, 0, pid) +
+            struct.pack(order + "IBB", 1, 1, 1) + bytes(REGISTRATION_LEN - 22))
 
 
 def parse_registration(data, sender_port=None):
@@ -275,8 +302,9 @@ def parse_registration(data, sender_port=None):
     if len(data) != REGISTRATION_LEN:
         problems.append("length %d, not %d" % (len(data), REGISTRATION_LEN))
     padded = bytes(data[:REGISTRATION_LEN]).ljust(REGISTRATION_LEN, b"\0")
-    nlmsg_len, nlmsg_type, flags, seq, pid = struct.unpack_from("=IHHII", padded, 0)
-    word, byte20, byte21 = struct.unpack_from("=IBB", padded, 16)
+    order = byte_order()
+    nlmsg_len, nlmsg_type, flags, seq, pid = struct.unpack_from(order + "IHHII", padded, 0)
+    word, byte20, byte21 = struct.unpack_from(order + "IBB", padded, 16)
     for name, got, want in (("nlmsg_len", nlmsg_len, REGISTRATION_LEN),
                             ("nlmsg_type", nlmsg_type, 0), ("nlmsg_flags", flags, 0),
                             ("nlmsg_seq", seq, 0), ("u32 at 16", word, 1),
@@ -315,7 +343,7 @@ def build_event(data_type, mac_bytes, src_ip, dst_ip, src_port, dst_port,
     defaults to that length and may be set to anything for bad-input tests.
     """
     buf = bytearray(max(length, EVENT_FIELDS_END))
-    struct.pack_into("=IHHII", buf, 0, length if nlmsg_len is None else nlmsg_len,
+    struct.pack_into(byte_order() + "IHHII", buf, 0, length if nlmsg_len is None else nlmsg_len,
                      nlmsg_type, nlmsg_flags, nlmsg_seq, nlmsg_pid)
     buf[16] = data_type
     buf[32:38] = mac_to_bytes(mac_bytes)

@@ -18,6 +18,15 @@ router's commands; closing it kills every process it left and undoes all
 of it, so tests in one program do not see each other.
 
 Runs under Debian's /usr/bin/python3 (pyftpdlib), as root.
+
+A cross build runs under qemu-user when QZ_EMULATOR names the emulator
+(qemu-aarch64-static) and QZ_SYSROOT the target's root, which holds its
+loader, libraries and libfaketime (packaging/cross/sysroot.sh makes one).
+The daemon's own loader then preloads the target's libfaketime and the
+libraries a test asks for; the commands it starts are this machine's
+programs and run on the real clock.  They cannot share the daemon's faked
+clock: libfaketime passes it to children in shared memory laid out in the
+daemon's byte order and word size.
 """
 
 import codecs
@@ -25,10 +34,13 @@ import contextlib
 import fcntl
 import json
 import os
+import platform
 import re
+import shlex
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -42,7 +54,8 @@ if TOOLS_DIR not in sys.path:
 from qz_ftp_sink import FtpSink  # noqa: E402
 
 UNSHARE = "/usr/bin/unshare"
-FAKETIME_LIB = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
+# Where Debian's libfaketime lies: /usr/lib/<multiarch>/faketime.
+FAKETIME_PATH = "/usr/%s/faketime/libfaketime.so.1"
 SYSTEM_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
 CONFIG_PATH = "/etc/qz_fh_audit.json"
@@ -217,8 +230,93 @@ def send_signal(pid, sig, timeout=60.0):
     time.sleep(0.01)
 
 
-# poll, select, pselect6, ppoll on x86-64
-_WAIT_SYSCALLS = {7, 23, 270, 271}
+# -- this machine and the target ------------------------------------------------
+
+_multiarch = None
+
+
+def multiarch():
+    """This machine's multiarch name, e.g. x86_64-linux-gnu."""
+    global _multiarch
+    if _multiarch is None:
+        for cmd in (["gcc", "-print-multiarch"], ["dpkg-architecture", "-qDEB_HOST_MULTIARCH"]):
+            try:
+                out = subprocess.run(cmd, stdin=subprocess.DEVNULL, capture_output=True,
+                                     text=True).stdout.strip()
+            except OSError:
+                continue
+            if out:
+                _multiarch = out
+                break
+        else:
+            raise RuntimeError("cannot tell this machine's multiarch name (install gcc)")
+    return _multiarch
+
+
+def faketime_lib():
+    """This machine's libfaketime."""
+    path = FAKETIME_PATH % ("lib/" + multiarch())
+    if not os.path.exists(path):
+        raise RuntimeError("%s is missing: install faketime" % path)
+    return path
+
+
+def emulation():
+    """(emulator, sysroot) when the daemon is a cross build run under
+    qemu-user, else None."""
+    emulator = os.environ.get("QZ_EMULATOR")
+    if not emulator:
+        return None
+    root = os.environ.get("QZ_SYSROOT")
+    if not root or not os.path.isdir(root):
+        raise RuntimeError("QZ_EMULATOR needs QZ_SYSROOT, the target's root")
+    return shlex.split(emulator), os.path.realpath(root)
+
+
+def elf_interpreter(path):
+    """The program interpreter (loader) an ELF executable names, or None."""
+    with open(path, "rb") as f:
+        data = f.read()
+    if data[:4] != b"\x7fELF":
+        raise RuntimeError("%s is not an ELF file" % path)
+    order = "<" if data[5] == 1 else ">"
+    if data[4] == 2:  # 64-bit
+        phoff, = struct.unpack_from(order + "Q", data, 32)
+        entsize, count = struct.unpack_from(order + "HH", data, 54)
+        entry = order + "IIQQQQ"  # type, flags, offset, vaddr, paddr, filesz
+    else:
+        phoff, = struct.unpack_from(order + "I", data, 28)
+        entsize, count = struct.unpack_from(order + "HH", data, 42)
+        entry = order + "IIIIII"  # type, offset, vaddr, paddr, filesz, memsz
+    for i in range(count):
+        fields = struct.unpack_from(entry, data, phoff + i * entsize)
+        if fields[0] == 3:  # PT_INTERP
+            offset, size = (fields[2], fields[5]) if data[4] == 2 else (fields[1], fields[4])
+            return data[offset:offset + size].rstrip(b"\0").decode()
+    return None
+
+
+# Syscalls in which a process waits for its sockets (poll, select, pselect6,
+# ppoll and their 64-bit-time forms), by this machine's architecture: an
+# emulated daemon waits in the emulator's calls, which are this machine's.
+_WAIT_SYSCALLS_BY_MACHINE = {
+    "x86_64": {7, 23, 270, 271},
+    "aarch64": {72, 73},
+    "riscv64": {72, 73},
+    "armv7l": {142, 168, 335, 336, 413, 414},
+    "armv8l": {142, 168, 335, 336, 413, 414},
+    "i686": {142, 168, 308, 309, 413, 414},
+    "s390x": {142, 168, 301, 302},
+    "ppc64le": {82, 142, 167, 280, 281},
+    "mips": {4142, 4168, 4301, 4302, 4413, 4414},
+}
+
+
+def _wait_syscalls():
+    machine = platform.machine()
+    if machine not in _WAIT_SYSCALLS_BY_MACHINE:
+        raise RuntimeError("no list of waiting syscalls for %s" % machine)
+    return _WAIT_SYSCALLS_BY_MACHINE[machine]
 
 
 def children_of(pid):
@@ -239,7 +337,7 @@ def is_idle(pid):
             nr = f.read().split()[0]
     except (OSError, IndexError):
         return False
-    return nr.isdigit() and int(nr) in _WAIT_SYSCALLS and not children_of(pid)
+    return nr.isdigit() and int(nr) in _wait_syscalls() and not children_of(pid)
 
 
 def wait_idle(pid, timeout=60.0):
@@ -833,8 +931,10 @@ class Sandbox:
         e["PATH"] = self.bin_dir + ":" + SYSTEM_PATH
         e["TZ"] = "UTC0"
         libs = []
+        emulated = emulation()
         if start is not None:
-            libs.append(FAKETIME_LIB)
+            if not emulated:
+                libs.append(faketime_lib())
             if isinstance(start, (int, float)):
                 start = "%d" % start
                 e["FAKETIME_FMT"] = "%s"
@@ -842,8 +942,12 @@ class Sandbox:
             # Commands the daemon starts continue its clock instead of
             # starting again at the same instant.
             e["FAKETIME_DONT_RESET"] = "1"
+            # The daemon's timers run on the monotonic clock, which
+            # libfaketime's ARM builds leave alone unless told otherwise.
+            e["FAKETIME_DONT_FAKE_MONOTONIC"] = "0"
         libs += [p for p in os.environ.get("QZ_EXTRA_PRELOAD", "").split(":") if p]
-        libs += list(preload)
+        if not emulated:
+            libs += list(preload)
         if libs:
             e["LD_PRELOAD"] = ":".join(libs)
         # Preloaded libraries come before a sanitizer runtime; options given
@@ -865,9 +969,8 @@ class Sandbox:
 
         It starts in a scratch directory of the sandbox (cwd), so that a
         detached copy shows its change to "/"."""
-        binary = daemon_binary()
-        d = Daemon([binary] + list(args), self.daemon_env(accel, start, env, preload),
-                   cwd=cwd or self.work_dir)
+        d = Daemon(daemon_argv(args, preload, faketime=start is not None),
+                   self.daemon_env(accel, start, env, preload), cwd=cwd or self.work_dir)
         self.daemons.append(d)
         return d
 
@@ -888,8 +991,31 @@ def _paths_to_keep():
     paths = {os.path.dirname(TOOLS_DIR)}
     if os.environ.get("QZ_BIN"):
         paths.add(os.path.dirname(os.path.realpath(os.environ["QZ_BIN"])))
+    if os.environ.get("QZ_SYSROOT"):
+        paths.add(os.path.realpath(os.environ["QZ_SYSROOT"]))
     # A path inside another one is kept with it.
     return sorted(p for p in paths if not any(p != q and p.startswith(q + "/") for q in paths))
+
+
+def daemon_argv(args=(), preload=(), faketime=False):
+    """Command line that runs $QZ_BIN with args. Under emulation the target's
+    own loader preloads the target's libfaketime (with faketime) and the
+    libraries in preload, so that they do not reach the commands the
+    daemon starts (see above); natively daemon_env() preloads them."""
+    binary = daemon_binary()
+    emulated = emulation()
+    if not emulated:
+        return [binary] + list(args)
+    emulator, root = emulated
+    # $LIB: the target loader's own library directory, lib/<multiarch>.
+    libs = ([FAKETIME_PATH % "$LIB"] if faketime else []) + list(preload)
+    loader = elf_interpreter(binary)
+    if loader is None:
+        raise RuntimeError("%s is linked statically: nothing can be preloaded" % binary)
+    argv = emulator + ["-L", root, root + loader]
+    if libs:
+        argv += ["--preload", ":".join(libs)]
+    return argv + [binary] + list(args)
 
 
 def daemon_binary():

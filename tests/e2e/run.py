@@ -5,7 +5,10 @@
 
 MODULE is a file tests/e2e/MODULE.py; TEST names a class or Class.method in
 it to run only those.  QZ_BIN names the daemon (default: build/qz_fh_audit
-of this tree).  Needs root; the exit status is 0 only when every test passed.
+of this tree); a cross build runs under qemu-user with QZ_EMULATOR and
+QZ_SYSROOT set (see tools/qz_sandbox.py; scripts/cross-test.sh does this
+for test_smoke).  Needs root; the exit status is 0 only when every test
+passed.
 """
 
 import os

@@ -42,6 +42,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -148,13 +149,17 @@ static int failing(int what) {
   return (fail_mask & what) != 0;
 }
 
-/* fstat through the system call: preloaded time fakers wrap fstat. */
+/* The identity of an open file through the system call: preloaded time
+ * fakers wrap the stat family. statx fills one layout on every
+ * architecture; fstat's depends on the word size and on
+ * _FILE_OFFSET_BITS, which glibc's struct stat follows and the bare
+ * system call does not. */
 static int fd_identity(int fd, dev_t *dev, ino_t *ino) {
-  struct stat st;
-  if (syscall(SYS_fstat, fd, &st) != 0)
+  struct statx st;
+  if (syscall(SYS_statx, fd, "", AT_EMPTY_PATH, STATX_INO, &st) != 0)
     return -1;
-  *dev = st.st_dev;
-  *ino = st.st_ino;
+  *dev = makedev(st.stx_dev_major, st.stx_dev_minor);
+  *ino = (ino_t)st.stx_ino;
   return 0;
 }
 
