@@ -24,6 +24,9 @@ def main():
     parser.add_argument("--rate", type=int, default=1000, help="datagrams per real second")
     parser.add_argument("--http-rate", type=int, default=200, help="HTTP events per real second")
     parser.add_argument("--accel", type=int, default=20, help="clock speed-up")
+    parser.add_argument("--durable", action="store_true",
+                        help="durable mode, with a SIGTERM restart in cycle 9 and a SIGKILL "
+                        "restart in cycle 11")
     args = parser.parse_args()
     build = os.path.abspath(args.build)
     binary = os.path.join(build, "qz_fh_audit")
@@ -32,7 +35,9 @@ def main():
     r = qz_soak.run(binary, os.path.join(build, "tools", "libqz_nlstub.so"), cycles=args.cycles,
                     rate=args.rate, http_rate=args.http_rate, slow_cycles=(3, 4, 8),
                     down_cycle=6, slow_seconds=5.0, accel=args.accel,
-                    log=lambda line: print("  " + line, flush=True))
+                    log=lambda line: print("  " + line, flush=True), durable=args.durable,
+                    term_cycle=9 if args.durable else None,
+                    kill_cycle=11 if args.durable else None)
     print("soak: %d archive cycles at x%d, %d datagrams/s and %d HTTP events/s (real time);"
           " uploads slow (5 s) in cycles 3, 4 and 8, server down in cycle 6"
           % (r["cycles"], args.accel, args.rate, args.http_rate))
@@ -43,6 +48,17 @@ def main():
               % (what, r[feed + "_sent"], refused, r[feed + "_received"],
                  r[feed + "_lost_with_failed_upload"], r[feed + "_lost_in_one_run"],
                  r[feed + "_duplicates"], r[feed + "_unexpected"]))
+    if args.durable:
+        print("  durable mode: %d restarts (%s); sends while no daemon ran: %d datagrams, %d HTTP"
+              % (r["restarts"], ", ".join("%s exit %d after %.2f s" % (k, v["status"], v["seconds"])
+                                          for k, v in r["stops"].items()),
+                 r["shell_down"], r["http_down"]))
+        for feed in ("shell", "http"):
+            if feed + "_written_before_kill" in r:
+                print("  %-14s at the SIGKILL: %d records written before it, %d of them lost;"
+                      " %d sent but unread (in the kernel's queue or being handled)"
+                      % (feed, r[feed + "_written_before_kill"], r[feed + "_written_but_lost"],
+                         r[feed + "_unread_at_kill"]))
     print("  RSS per cycle (KiB): %s" % " ".join(str(k) for k in r["rss_kib"]))
     print("  ERROR lines: %d" % len(r["errors"]))
     for e in r["errors"][:10]:

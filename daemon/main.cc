@@ -140,9 +140,9 @@ int main(int argc, char *argv[]) {
 
   eloop_run();
   if (eloop_terminated()) {
-    // What was read is handled, then the open cycles are kept for the next
-    // start.
-    feed_queue_drain();
+    // What the feeds hold is handled, then the open cycles are kept for
+    // the next start.
+    netbar_feeds_finish();
     archive_keep_all();
     stats_write(started);
     log_msg(DEBUG, "stopped: open cycles kept in %s\n", qz2fh_get_unsent_dir());

@@ -1,6 +1,7 @@
 #include "frame/feed_queue.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -37,6 +38,7 @@ constexpr size_t FAILURE_SIZE = 2 * sizeof(int32_t);
 constexpr unsigned DRAIN_PULL_EVERY = 8;
 constexpr unsigned DRAIN_PULL_MAX = 3;
 constexpr unsigned PULL_ALL = ~0u;
+constexpr int TAKE_ALL_ROUNDS = 16;
 
 struct feed_source {
   feed_source_spec spec;
@@ -247,6 +249,29 @@ void feed_queue_serve(int index) {
 bool feed_queue_has_room(int index) { return has_room(sources[index]); }
 
 void feed_queue_pull(int index) { pull(sources[index], PULL_ALL); }
+
+void feed_queue_close_sources() {
+  for (int i = 0; i < source_count; i++) {
+    if (sources[i].spec.fd >= 0)
+      close(sources[i].spec.fd);
+    sources[i].spec.fd = -1;
+  }
+}
+
+void feed_queue_take_all() {
+  // A few rounds at most: a sender that never stops cannot hold a stop up.
+  for (int round = 0; round < TAKE_ALL_ROUNDS; round++) {
+    uint64_t before = 0, after = 0;
+    for (int i = 0; i < source_count; i++) {
+      before += sources[i].counters.received;
+      pull(sources[i], PULL_ALL);
+      after += sources[i].counters.received;
+    }
+    feed_queue_drain();
+    if (after == before)
+      break;
+  }
+}
 
 void feed_queue_drain() {
   if (draining)

@@ -71,6 +71,11 @@ void feed_queue_pull(int index);
 // the backlog ends. Safe against re-entry.
 void feed_queue_drain();
 bool feed_queue_empty();
+// Reads and handles whatever waits in the feeds' sockets now, for a daemon
+// about to stop: what the kernel holds is taken too, within a few shares.
+void feed_queue_take_all();
+// Closes every feed's socket (a daemon about to stop, after take_all).
+void feed_queue_close_sources();
 
 // Logs one WARN line when any feed deferred input or overran since the last
 // report, with the counts since then. Called by the 5-s tick.

@@ -1,9 +1,13 @@
 #include "netbar/netbar_group.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "config/identity.h"
+#include "frame/feed_queue.h"
 #include "frame/log.h"
+#include "frame/paths.h"
 #include "netbar/netbar_basic.h"
 #include "netbar/netbar_netlink.h"
 #include "netbar/netbar_terminal.h"
@@ -25,6 +29,12 @@ void netbar_group_init() {
   netbar_basic_0002_init();
   netbar_basic_0003_1_init();
   netbar_basic_0003_2_init();
+}
+
+void netbar_feeds_finish() {
+  unlink(QZ_SHELL_SOCK_PATH);
+  feed_queue_take_all();
+  feed_queue_close_sources();
 }
 
 void netbar_session_id(char *out, const char *mac, unsigned long long when) {

@@ -22,6 +22,11 @@ extern bcp_group netbar_group;
 void netbar_group_init();
 // The group's archive timer.
 report_result netbar_report_timer(void *arg);
+// A stopping daemon takes in what its feeds hold, and no more: the datagram
+// socket's name goes first, so that a later send fails at its sender
+// instead of waiting in a socket that is about to close; then both sockets
+// are read to their end and closed.
+void netbar_feeds_finish();
 
 // Session id: place code, the MAC's hex digits in lower case (separators
 // dropped) and a time in seconds, cut to 64 characters.

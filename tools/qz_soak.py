@@ -13,9 +13,11 @@ records were deleted with the zip, as designed, and are counted apart; they
 must form one unbroken run of the events in send order.
 """
 
+import calendar
 import io
 import os
 import re
+import signal
 import socket
 import struct
 import subprocess
@@ -53,7 +55,9 @@ def rss_kib(pid):
 
 class Traffic:
     """Sends online/offline datagrams (terminal i goes offline `hold` events
-    after it came online) and HTTP events, both paced, without blocking."""
+    after it came online) and HTTP events, both paced, without blocking.
+    A send the daemon's full queue refuses is counted as refused; one made
+    while no daemon runs (between a stop and the next start) as down."""
 
     def __init__(self, rate, http_rate, hold, kernel):
         self.rate = rate
@@ -63,10 +67,16 @@ class Traffic:
         self.shell = sim.ShellSender(nonblocking=True)
         self.stop = threading.Event()
         self.shell_events = []  # (kind, terminal) in send order, delivered only
+        self.shell_times = []   # time.monotonic() of each delivered send
         self.shell_refused = 0
+        self.shell_down = 0
         self.http_events = []  # event numbers delivered, in send order
+        self.http_times = []
         self.http_dropped = 0
+        self.http_down = 0
         self.terminals = 0
+        self._online = set()  # terminals the running daemon has seen online
+        self._lock = threading.Lock()
         self._threads = [threading.Thread(target=self._shell, daemon=True),
                          threading.Thread(target=self._http, daemon=True)]
 
@@ -79,6 +89,12 @@ class Traffic:
         for t in self._threads:
             t.join()
 
+    def forget(self):
+        """A restarted daemon knows no terminal: offline datagrams for those
+        online before are not written."""
+        with self._lock:
+            self._online.clear()
+
     def _paced(self, rate):
         start = time.monotonic()
         n = 0
@@ -90,8 +106,14 @@ class Traffic:
             yield n
             n += 1
 
+    def _send_shell(self, send):
+        try:
+            return send()
+        except OSError:
+            self.shell_down += 1
+            return None
+
     def _shell(self):
-        online = set()
         for n in self._paced(self.rate):
             # Alternate: a new terminal online, the oldest one offline.
             i = n // 2
@@ -100,46 +122,74 @@ class Traffic:
                 with open(path, "w") as f:
                     f.write(STATUS_LINE)
                 self.terminals = i + 1
-                if self.shell.online(mac_of(i), "192.168.%d.%d" % ((i >> 8) & 255, i & 255), 1):
-                    self.shell_events.append(("on", i))
-                    online.add(i)
-                else:
+                ok = self._send_shell(lambda: self.shell.online(
+                    mac_of(i), "192.168.%d.%d" % ((i >> 8) & 255, i & 255), 1))
+                if ok:
+                    with self._lock:
+                        self.shell_events.append(("on", i))
+                        self.shell_times.append(time.monotonic())
+                        self._online.add(i)
+                elif ok is not None:
                     self.shell_refused += 1
             elif i >= self.hold:
                 t = i - self.hold
-                if self.shell.offline(mac_of(t)):
+                ok = self._send_shell(lambda: self.shell.offline(mac_of(t)))
+                if ok:
                     # Only a terminal the daemon has seen online is written.
-                    if t in online:
-                        self.shell_events.append(("off", t))
-                else:
+                    with self._lock:
+                        if t in self._online:
+                            self.shell_events.append(("off", t))
+                            self.shell_times.append(time.monotonic())
+                elif ok is not None:
                     self.shell_refused += 1
 
     def _http(self):
         for n in self._paced(self.http_rate):
             terminal = max(0, self.terminals - 1)
             addr = socket.inet_ntoa(struct.pack(">I", HTTP_BASE + n))
-            if self.kernel.send_http(sim.mac_to_bytes(mac_of(terminal)), addr, "93.184.216.34",
-                                     40000 + n % 20000, 80):
+            try:
+                ok = self.kernel.send_http(sim.mac_to_bytes(mac_of(terminal)), addr,
+                                           "93.184.216.34", 40000 + n % 20000, 80)
+            except OSError:
+                self.http_down += 1
+                continue
+            if ok:
                 self.http_events.append(n)
+                self.http_times.append(time.monotonic())
             else:
                 self.http_dropped += 1
 
 
+def _records(name, lines, shell, http):
+    """Adds the records of one BCP file: ("on"|"off", terminal) to shell,
+    event numbers to http."""
+    if "WA_SOURCE_FJ_0001" in name:
+        for line in lines:
+            f = line.rstrip("\n").split("\t")
+            terminal = int(f[19].replace("-", "")[4:], 16)
+            shell.append(("off" if f[11] else "on", terminal))
+    elif "WA_SOURCE_FJ_0002" in name:
+        for line in lines:
+            f = line.rstrip("\n").split("\t")
+            http.append(int(f[3]) - HTTP_BASE)
+
+
 def read_zip_records(path):
-    """(shell records, http records) of one received zip: ("on"|"off",
-    terminal) and event numbers."""
+    """(shell records, http records) of one received zip."""
     shell, http = [], []
     with zipfile.ZipFile(path) as z:
         for name in z.namelist():
-            if "WA_SOURCE_FJ_0001" in name:
-                for line in io.TextIOWrapper(z.open(name), encoding="utf-8", newline="\n"):
-                    f = line.rstrip("\n").split("\t")
-                    terminal = int(f[19].replace("-", "")[4:], 16)
-                    shell.append(("off" if f[11] else "on", terminal))
-            elif "WA_SOURCE_FJ_0002" in name:
-                for line in io.TextIOWrapper(z.open(name), encoding="utf-8", newline="\n"):
-                    f = line.rstrip("\n").split("\t")
-                    http.append(int(f[3]) - HTTP_BASE)
+            _records(name, io.TextIOWrapper(z.open(name), encoding="utf-8", newline="\n"),
+                     shell, http)
+    return shell, http
+
+
+def read_spool_records(directory):
+    """(shell records, http records) of the whole lines in a spool directory."""
+    shell, http = [], []
+    for name in sorted(os.listdir(directory)):
+        with open(os.path.join(directory, name), encoding="utf-8", newline="\n") as f:
+            _records(name, [line for line in f if line.endswith("\n")], shell, http)
     return shell, http
 
 
@@ -188,50 +238,106 @@ def is_one_run(sent, missing):
     return pos[-1] - pos[0] + 1 == len(pos)
 
 
+UNSENT_DIR = "/tmp/qz_unsent"
+DAY = 86400
+
+
+class _Daemon:
+    """One run of the daemon in the soak, with its own console files."""
+
+    def __init__(self, sb, binary, env, n):
+        self.out_path = os.path.join(sb.private, "daemon%d.out" % n)
+        self.err_path = os.path.join(sb.private, "daemon%d.err" % n)
+        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+            self.proc = subprocess.Popen([binary, "-D"], env=env, cwd=sb.work_dir,
+                                         stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+        self.seen = 0
+
+    def new_zips(self):
+        """Zip names the netbar group formed since the last call."""
+        with open(self.out_path, "rb") as f:
+            f.seek(self.seen)
+            chunk = f.read()
+        last_nl = chunk.rfind(b"\n")
+        if last_nl < 0:
+            return []
+        self.seen += last_nl + 1
+        return [m.group(1).decode() for m in CYCLE_RE.finditer(chunk[:last_nl])]
+
+    def errors(self):
+        with open(self.err_path, "rb") as f:
+            return [e.decode(errors="replace") for e in ERROR_RE.findall(f.read())]
+
+
 def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), down_cycle=6,
-        slow_seconds=5.0, accel=60, hold=400, log=print):
+        slow_seconds=5.0, accel=60, hold=400, log=print, durable=False, term_cycle=None,
+        kill_cycle=None):
     """Runs the soak and returns a result dict (see the end). Cycle numbers
     count the netbar group's archive cycles that found files, from 1; rates
-    are per real second, slow_seconds per upload in the daemon's time."""
+    are per real second, slow_seconds per upload in the daemon's time.
+
+    durable=True sets "fh_unsent_dir"; term_cycle and kill_cycle stop the
+    daemon with SIGTERM or SIGKILL half a cycle after that cycle's archive
+    and start it again (with a later clock, so that names stay unique)."""
     os.environ["QZ_BIN"] = binary
+    cycle_seconds = 300.0 / accel
     with qz_sandbox.Sandbox() as sb:
-        sb.write_config()
+        sb.write_config({"fh_unsent_dir": UNSENT_DIR} if durable else None)
         sb.set_wtps(["1 00:1a:2b:3c:4d:5e up", "2 00:1a:2b:3c:4d:6f up"])
         os.makedirs("/tmp/qztmp/clt_wifi_info")
         kernel = sim.FakeKernel()
-        out_path = os.path.join(sb.private, "daemon.out")
-        err_path = os.path.join(sb.private, "daemon.err")
-        # A kernel-sized netlink queue; the daemon reads it while commands run.
-        env = sb.daemon_env(accel=accel, preload=(stub,), env={"QZ_NLSTUB_QLEN": "256"})
-        # A sanitizer build would hold freed memory in quarantine, which
-        # reads as growth; the run measures the daemon's own memory.
-        env["ASAN_OPTIONS"] = "quarantine_size_mb=0:thread_local_quarantine_size_kb=0:" + \
-            env["ASAN_OPTIONS"]
-        with open(out_path, "wb") as out, open(err_path, "wb") as err:
-            proc = subprocess.Popen([binary, "-D"], env=env, cwd=sb.work_dir,
-                                    stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+        start_epoch = calendar.timegm(time.strptime(qz_sandbox.DEFAULT_START, "%Y-%m-%d %H:%M:%S"))
+
+        def start(n):
+            # A kernel-sized netlink queue; the daemon reads it while commands run.
+            env = sb.daemon_env(accel=accel, start=start_epoch + n * DAY, preload=(stub,),
+                                env={"QZ_NLSTUB_QLEN": "256"})
+            # A sanitizer build would hold freed memory in quarantine, which
+            # reads as growth; the run measures the daemon's own memory.
+            env["ASAN_OPTIONS"] = "quarantine_size_mb=0:thread_local_quarantine_size_kb=0:" + \
+                env["ASAN_OPTIONS"]
+            d = _Daemon(sb, binary, env, n)
+            kernel.wait_registration(60, expected_pid=d.proc.pid)
+            return d
+
+        daemons = [start(0)]
+        traffic = Traffic(rate, http_rate, hold, kernel)
+        stops = {}  # "term"/"kill": facts about that stop
         try:
-            pid = kernel.wait_registration(60, expected_pid=proc.pid)
-            traffic = Traffic(rate, http_rate, hold, kernel)
             traffic.start()
             zips, rss = [], []
-            seen = 0
             failed_zip = None
+            pending_stop = None  # (kind, due time)
             deadline = time.monotonic() + 60 + cycles * (10 + slow_seconds) * 60 / accel
             while len(zips) < cycles + 2:
-                if time.monotonic() > deadline or proc.poll() is not None:
+                d = daemons[-1]
+                if time.monotonic() > deadline or d.proc.poll() is not None:
                     raise AssertionError("daemon stopped or stalled after %d cycles" % len(zips))
-                with open(out_path, "rb") as f:
-                    f.seek(seen)
-                    chunk = f.read()
-                last_nl = chunk.rfind(b"\n")
-                if last_nl < 0:
+                if pending_stop and time.monotonic() >= pending_stop[1]:
+                    kind = pending_stop[0]
+                    pending_stop = None
+                    began = time.monotonic()
+                    d.proc.send_signal(signal.SIGTERM if kind == "term" else signal.SIGKILL)
+                    status = d.proc.wait(60)
+                    fact = {"status": status, "seconds": time.monotonic() - began,
+                            "at": began}
+                    if kind == "kill":
+                        # What was written before the kill must arrive.
+                        fact["written"] = read_spool_records("/tmp/145")
+                    stops[kind] = fact
+                    traffic.forget()
+                    log("cycle %d: %s, status %d after %.2f s" %
+                        (len(zips), "SIGTERM" if kind == "term" else "SIGKILL", status,
+                         fact["seconds"]))
+                    daemons.append(start(len(daemons)))
+                    continue
+                new = d.new_zips()
+                if not new:
                     time.sleep(0.05)
                     continue
-                seen += last_nl + 1
-                for m in CYCLE_RE.finditer(chunk[:last_nl]):
-                    zips.append(m.group(1).decode())
-                    rss.append(rss_kib(pid))
+                for name in new:
+                    zips.append(name)
+                    rss.append(rss_kib(d.proc.pid))
                     n = len(zips)
                     log("cycle %d: %s, RSS %d KiB" % (n, zips[-1], rss[-1]))
                     if n == down_cycle:
@@ -244,35 +350,49 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
                         sb.ftp.stop()
                     elif n == down_cycle:
                         sb.ftp.start()
+                    for kind, at in (("term", term_cycle), ("kill", kill_cycle)):
+                        if n == at:
+                            pending_stop = (kind, time.monotonic() + cycle_seconds / 2)
                     if n == cycles:
                         traffic.finish()
+            if durable:
+                # Kept files go out after the traffic's own last cycles.
+                qz_sandbox.wait_until(lambda: not any(
+                    os.listdir(os.path.join(UNSENT_DIR, g))
+                    for g in ("144", "145", "146") if os.path.isdir(os.path.join(UNSENT_DIR, g))),
+                    60 + 10 * cycle_seconds, "kept files sent")
             # Cycles after the traffic stopped archive what was still open.
             uploads = sb.ftp.uploads()
         finally:
-            if proc.poll() is None:
-                proc.terminate()
-                proc.wait(5)
+            traffic.stop.set()
+            for d in daemons:
+                if d.proc.poll() is None:
+                    d.proc.terminate()
+                    d.proc.wait(5)
             kernel.close()
-        with open(err_path, "rb") as f:
-            errors = [e.decode(errors="replace") for e in ERROR_RE.findall(f.read())]
+        errors = [e for d in daemons for e in d.errors()]
 
         shell, http = [], []
         for u in uploads:
             if u.remote == "tmp/145":
-                s, h = read_zip_records(u.path)
-                shell += s
-                http += h
+                s_, h_ = read_zip_records(u.path)
+                shell += s_
+                http += h_
         shell_missing, shell_dup, shell_extra = account(traffic.shell_events, shell)
         http_missing, http_dup, http_extra = account(traffic.http_events, http)
-        return {
+        result = {
             "uploads": [u.remote for u in uploads],
             "cycles": len(zips),
             "zips": zips,
             "failed_zip": failed_zip,
             "rss_kib": rss,
             "errors": errors,
+            "restarts": len(daemons) - 1,
+            "stops": {k: {"status": v["status"], "seconds": v["seconds"]}
+                      for k, v in stops.items()},
             "shell_sent": len(traffic.shell_events),
             "shell_refused": traffic.shell_refused,
+            "shell_down": traffic.shell_down,
             "shell_received": len(shell),
             "shell_lost_with_failed_upload": len(shell_missing),
             "shell_lost_in_one_run": is_one_run(traffic.shell_events, shell_missing),
@@ -280,9 +400,27 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
             "shell_unexpected": len(shell_extra),
             "http_sent": len(traffic.http_events),
             "http_dropped": traffic.http_dropped,
+            "http_down": traffic.http_down,
             "http_received": len(http),
             "http_lost_with_failed_upload": len(http_missing),
             "http_lost_in_one_run": is_one_run(traffic.http_events, http_missing),
             "http_duplicates": http_dup,
             "http_unexpected": len(http_extra),
         }
+        if "kill" in stops:
+            # Sent, but still in the kernel's queue or being handled when
+            # the process was killed: never written. Everything written
+            # before the kill must have arrived.
+            kill = stops["kill"]
+            w_shell, w_http = kill["written"]
+            for feed, missing, events, times, written, got in (
+                    ("shell", shell_missing, traffic.shell_events, traffic.shell_times, w_shell,
+                     shell),
+                    ("http", http_missing, traffic.http_events, traffic.http_times, w_http,
+                     http)):
+                index = {e: k for k, e in enumerate(events)}
+                near = [m for m in missing if abs(times[index[m]] - kill["at"]) < 1.0]
+                result[feed + "_unread_at_kill"] = len(near)
+                result[feed + "_written_before_kill"] = len(written)
+                result[feed + "_written_but_lost"] = len(set(written) - set(got))
+        return result

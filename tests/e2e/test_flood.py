@@ -2,6 +2,7 @@
 what it can keep and the sender waits for it, so every datagram sent is in
 exactly one record of the zips received."""
 
+import json
 import os
 import time
 import unittest
@@ -58,6 +59,17 @@ class FloodTest(SandboxCase):
         self.assertGreater(sent, 1000)
         self.assertEqual(len(numbers), sent, "records received for %d datagrams sent" % sent)
         self.assertEqual(sorted(numbers), list(range(sent)))
+        # The counters file agrees, a tick later at most.
+        def counted():
+            with open("/tmp/qz_fh_stats.json") as f:
+                stats = json.load(f)
+            return (stats["feeds"]["online_offline"]["handled"],
+                    stats["datasets"]["WA_SOURCE_FJ_0001"]["records"])
+        qz_sandbox.wait_until(lambda: counted() == (sent, sent), LONG_WAIT, "counters")
+        with open("/tmp/qz_fh_stats.json") as f:
+            feed = json.load(f)["feeds"]["online_offline"]
+        self.assertEqual((feed["received"], feed["refused"]), (sent, 0))
+        self.assertLessEqual(feed["queue_peak_bytes"], 512 * 1024)
 
 
 if __name__ == "__main__":
