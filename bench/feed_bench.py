@@ -24,38 +24,7 @@ REPO = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(REPO, "tools"))
 import qz_router_sim as sim  # noqa: E402
 import qz_sandbox  # noqa: E402
-
-STATUS_LINE = "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n"
-TICKS = os.sysconf("SC_CLK_TCK")
-
-
-def mac_of(i):
-    return "02:00:%02x:%02x:%02x:%02x" % ((i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255)
-
-
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / TICKS
-
-
-def memory_kib(pid, key):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith(key + ":"):
-                return int(line.split()[1])
-    return 0
-
-
-def wait_quiet(pid, settle=0.3):
-    """Waits until the process stops using CPU (it has drained its socket)."""
-    last = cpu_seconds(pid)
-    while True:
-        time.sleep(settle)
-        now = cpu_seconds(pid)
-        if now == last:
-            return now
-        last = now
+from bench_support import STATUS_LINE, cpu_seconds, mac_of, memory_kib, wait_quiet  # noqa: E402
 
 
 def timed_send(sender, *args):

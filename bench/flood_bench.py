@@ -35,38 +35,10 @@ REPO = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(REPO, "tools"))
 import qz_sandbox  # noqa: E402
 import qz_soak  # noqa: E402
+from bench_support import STATUS_LINE, cpu_seconds, mac_of, memory_kib, wait_quiet  # noqa: E402
 
-STATUS_LINE = "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n"
 ACCEL = 60
 SOCKET_PATH = "/tmp/qz_hk_audit_srv"
-
-
-def mac_of(i):
-    return "02:00:%02x:%02x:%02x:%02x" % ((i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255)
-
-
-def memory_kib(pid, key):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith(key + ":"):
-                return int(line.split()[1])
-    return 0
-
-
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-
-def wait_quiet(pid, settle=0.5):
-    last = cpu_seconds(pid)
-    while True:
-        time.sleep(settle)
-        now = cpu_seconds(pid)
-        if now == last:
-            return
-        last = now
 
 
 def datagram_numbers(uploads):
@@ -120,8 +92,7 @@ def run_daemon(sb, binary, build, datagrams, terminals, stall=0.0, rate=0.0, fak
     pid = qz_sandbox.lock_holder()
     cpu0 = cpu_seconds(pid)
     wall, taken, refused = send(build, "flood", datagrams, terminals, rate)
-    wait_quiet(pid)
-    cpu = cpu_seconds(pid) - cpu0
+    cpu = wait_quiet(pid) - cpu0
     sb.ftp.set_delay(0)
     if faked:
         # The cycle under way and the next one archive whatever was open.

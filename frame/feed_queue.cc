@@ -117,19 +117,31 @@ void commit(feed_source &s, uint8_t kind, size_t len) {
     s.counters.queue_peak_bytes = s.bytes;
 }
 
-// Called with the result of each receive: counts a deferral when reading
-// had stopped at a full share and input has waited in the kernel since.
-void note_receive(feed_source &s, ssize_t n) {
+// What one receive brought: a message of n bytes, nothing (the socket is
+// empty), or a failure (its result n and errno err) that the receive
+// consumed, as a netlink overrun is reported once.
+enum class received { message, nothing, failure };
+
+received receive_one(feed_source &s, uint8_t *buf, ssize_t *n, int *err) {
+  do {
+    *n = s.spec.receive(s.spec.fd, buf, s.spec.max_len);
+    *err = errno;
+  } while (*n < 0 && *err == EINTR);
+  // Reading had stopped at a full share: input has waited in the kernel.
   if (s.stopped_full) {
     s.stopped_full = false;
-    if (n >= 0)
+    if (*n >= 0)
       s.counters.deferred++;
   }
-}
-
-void count_failure(feed_source &s, int err) {
-  if (err == ENOBUFS)
-    s.counters.overruns++;
+  if (*n < 0 && (*err == EAGAIN || *err == EWOULDBLOCK))
+    return received::nothing;
+  if (*n < 0 || (*n == 0 && s.spec.empty_is_failure)) {
+    if (*err == ENOBUFS)
+      s.counters.overruns++;
+    return received::failure;
+  }
+  s.counters.received++;
+  return received::message;
 }
 
 void report_failure(feed_source &s, int ret, int err) {
@@ -145,23 +157,18 @@ void pull(feed_source &s, unsigned limit) {
       s.stopped_full = true;
       break;
     }
-    const ssize_t n = s.spec.receive(s.spec.fd, slot + HEADER_SIZE, s.spec.max_len);
-    const int err = errno;
-    note_receive(s, n);
-    if (n < 0 && err == EINTR)
-      continue;
-    if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))
+    ssize_t n;
+    int err;
+    const received got = receive_one(s, slot + HEADER_SIZE, &n, &err);
+    if (got == received::nothing)
       break;
-    if (n < 0 || (n == 0 && s.spec.empty_is_failure)) {
-      // A failure the receive consumed (a netlink overrun is reported once)
-      // is reported in its turn.
-      count_failure(s, err);
+    if (got == received::failure) {
+      // Reported in its turn, after what was read before it.
       const int32_t failure[2] = {static_cast<int32_t>(n), err};
       memcpy(slot + HEADER_SIZE, failure, sizeof(failure));
       commit(s, ENTRY_FAILURE, FAILURE_SIZE);
       break;
     }
-    s.counters.received++;
     commit(s, ENTRY_MESSAGE, static_cast<size_t>(n));
     k++;
   }
@@ -224,19 +231,15 @@ void feed_queue_serve(int index) {
   for (int i = 0; i < FEED_BATCH; i++) {
     // Readiness may be stale: a command run by an earlier handler of this
     // pass may have moved the message into the queue already.
-    const ssize_t n = s.spec.receive(s.spec.fd, buf, s.spec.max_len);
-    const int err = errno;
-    note_receive(s, n);
-    if (n < 0 && err == EINTR)
-      continue;
-    if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))
+    ssize_t n;
+    int err;
+    const received got = receive_one(s, buf, &n, &err);
+    if (got == received::nothing)
       return;
-    if (n < 0 || (n == 0 && s.spec.empty_is_failure)) {
-      count_failure(s, err);
+    if (got == received::failure) {
       report_failure(s, static_cast<int>(n), err);
       return;
     }
-    s.counters.received++;
     s.counters.handled++;
     if (!s.spec.process(buf, static_cast<size_t>(n)))
       s.counters.refused++;
