@@ -1,13 +1,9 @@
 #include "output/archive.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <string>
-#include <vector>
 
 #include "config/config.h"
 #include "frame/log.h"
@@ -64,9 +60,13 @@ bool form_zip(bcp_group *g) {
   return true;
 }
 
-std::string zip_path(const bcp_group *g) {
-  return std::string(g->spool.path) + "/" + g->state.zip_name;
-}
+// The zip's path, /tmp/<id>/<name>.
+struct zip_path {
+  explicit zip_path(const bcp_group *g) {
+    snprintf(text, sizeof(text), "%s/%s", g->spool.path, g->state.zip_name);
+  }
+  char text[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
+};
 
 }  // namespace
 
@@ -77,7 +77,7 @@ void group_archive_cycle(bcp_group *g) {
     if (form_zip(g)) {
       const int status = qz2fh_send_zip_file(g);
       log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
-      sent = upload_done(&g->uploads, g->id, zip_path(g).c_str(), status);
+      sent = upload_done(&g->uploads, g->id, zip_path(g).text, status);
     }
     qz2fh_delete_dir_file(g->spool);
   }
@@ -92,7 +92,7 @@ void group_archive_keep(bcp_group *g) {
   if (g->bcp_file_count != 0) {
     if (form_zip(g)) {
       log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
-      unsent_keep(g->id, zip_path(g).c_str());
+      unsent_keep(g->id, zip_path(g).text);
     }
     qz2fh_delete_dir_file(g->spool);
   }
@@ -101,30 +101,28 @@ void group_archive_keep(bcp_group *g) {
 
 namespace {
 
-bool ends_with(const std::string &s, const char *suffix) {
-  const size_t n = strlen(suffix);
-  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
-
 // "<id>-<source>-<time>-<seq>-<dataset>-0.bcp": the group's dataset of
 // that code, or null.
-const bcp_dataset *dataset_of_file(const bcp_group *g, const std::string &name) {
+const bcp_dataset *dataset_of_file(const bcp_group *g, const char *name) {
   static const char tail[] = "-0.bcp";
-  const std::string stem = name.substr(0, name.size() - (sizeof(tail) - 1));
-  const size_t dash = stem.rfind('-');
-  if (!ends_with(name, tail) || dash == std::string::npos)
+  const size_t len = strlen(name), tail_len = sizeof(tail) - 1;
+  if (len <= tail_len || strcmp(name + len - tail_len, tail) != 0)
     return nullptr;
-  const std::string code = stem.substr(dash + 1);
+  const size_t stem = len - tail_len;
+  size_t start = stem;
+  while (start > 0 && name[start - 1] != '-')
+    start--;
   for (const bcp_dataset &ds : g->datasets)
-    if (ds.name && ds.index_template && code == ds.name)
+    if (ds.name && ds.index_template && strlen(ds.name) == stem - start &&
+        strncmp(name + start, ds.name, stem - start) == 0)
       return &ds;
   return nullptr;
 }
 
 // Whole record lines in the file, after cutting off a line the stop left
 // unfinished.
-long whole_lines(const std::string &path) {
-  FILE *fp = fopen(path.c_str(), "r+e");
+long whole_lines(const char *path) {
+  FILE *fp = fopen(path, "r+e");
   if (!fp)
     return -1;
   long lines = 0, end = 0, pos = 0;
@@ -137,9 +135,33 @@ long whole_lines(const std::string &path) {
   }
   const bool cut = pos != end;
   fclose(fp);
-  if (cut && truncate(path.c_str(), end) != 0)
+  if (cut && truncate(path, end) != 0)
     return -1;
   return lines;
+}
+
+// Lists one file left in the spool directory, or deletes it when it holds
+// nothing to send: an index half written, no whole record, no dataset's.
+void list_leftover(const char *name, void *arg) {
+  auto *g = static_cast<bcp_group *>(arg);
+  char path[BCP_NAME_SIZE + SPOOL_PATH_SIZE];
+  snprintf(path, sizeof(path), "%s/%s", g->spool.path, name);
+  const bcp_dataset *ds = dataset_of_file(g, name);
+  const long lines = ds && g->bcp_file_count < BCP_FILE_LIST_SIZE - 1 ? whole_lines(path) : -1;
+  if (lines <= 0 || lines > BCP_MAX_RECORDS || strlen(name) >= BCP_NAME_SIZE) {
+    const size_t len = strlen(name);
+    if (len > 4 && strcmp(name + len - 4, ".bcp") == 0 && lines != 0)
+      log_msg_as("archive_recover_leftovers", WARN,
+                 "%s left by the last run is not a record file of group %d: deleted\n", name,
+                 static_cast<int>(g->id));
+    unlink(path);
+    return;
+  }
+  bcp_file_entry &e = g->bcp_file_list[g->bcp_file_count++];
+  snprintf(e.file_name, sizeof(e.file_name), "%s", name);
+  e.record_count = static_cast<uint16_t>(lines);
+  e.index_template = ds->index_template;
+  e.name = ds->name;
 }
 
 }  // namespace
@@ -148,35 +170,8 @@ void archive_recover_leftovers(bcp_group *g) {
   if (!unsent_enabled())
     return;
   unsent_keep_leftovers(g->id, g->spool, ".zip");
-  std::vector<std::string> names;
-  if (DIR *d = opendir(g->spool.path)) {
-    while (dirent *e = readdir(d))
-      names.push_back(e->d_name);
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
   g->bcp_file_count = 0;
-  for (const std::string &name : names) {
-    if (name == "." || name == "..")
-      continue;
-    const std::string path = std::string(g->spool.path) + "/" + name;
-    const bcp_dataset *ds = dataset_of_file(g, name);
-    const long lines = ds && g->bcp_file_count < BCP_FILE_LIST_SIZE - 1 ? whole_lines(path) : -1;
-    if (lines <= 0 || lines > BCP_MAX_RECORDS) {
-      // An index half written, a file with no whole record, or no file of
-      // a dataset: nothing to send.
-      if (ends_with(name, ".bcp") && lines != 0)
-        log_msg(WARN, "%s left by the last run is not a record file of group %d: deleted\n",
-                name.c_str(), static_cast<int>(g->id));
-      unlink(path.c_str());
-      continue;
-    }
-    bcp_file_entry &e = g->bcp_file_list[g->bcp_file_count++];
-    snprintf(e.file_name, sizeof(e.file_name), "%s", name.c_str());
-    e.record_count = static_cast<uint16_t>(lines);
-    e.index_template = ds->index_template;
-    e.name = ds->name;
-  }
+  unsent_each_name(g->spool.path, "", list_leftover, g);
   if (g->bcp_file_count != 0) {
     log_msg(DEBUG, "%d record files left by the last run in %s\n",
             static_cast<int>(g->bcp_file_count), g->spool.path);

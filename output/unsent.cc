@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "config/config.h"
@@ -20,22 +20,29 @@ namespace {
 // found (a stop in the middle of a copy).
 constexpr char PART_SUFFIX[] = ".part";
 
-bool is_part(const std::string &name) {
-  const size_t n = sizeof(PART_SUFFIX) - 1;
-  return name.size() >= n && name.compare(name.size() - n, n, PART_SUFFIX) == 0;
+bool ends_with(const char *s, const char *suffix) {
+  const size_t n = strlen(s), m = strlen(suffix);
+  return n >= m && strcmp(s + n - m, suffix) == 0;
 }
 
+bool fits(int n, size_t size) { return n >= 0 && static_cast<size_t>(n) < size; }
+
 // mkdir -p, for the configured directory and the group's below it.
-bool make_dirs(const std::string &path) {
-  for (size_t i = 1; i <= path.size(); i++) {
-    if (i < path.size() && path[i] != '/')
+bool make_dirs(const char *path) {
+  char prefix[UNSENT_PATH_SIZE];
+  const size_t len = strlen(path);
+  if (len >= sizeof(prefix))
+    return false;
+  for (size_t i = 1; i <= len; i++) {
+    if (i < len && path[i] != '/')
       continue;
-    const std::string prefix = path.substr(0, i);
-    if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST)
+    memcpy(prefix, path, i);
+    prefix[i] = '\0';
+    if (mkdir(prefix, 0700) != 0 && errno != EEXIST)
       return false;
   }
   struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 bool write_all(int fd, const char *buf, size_t len) {
@@ -53,13 +60,14 @@ bool write_all(int fd, const char *buf, size_t len) {
 
 // Copies src to dst through dst.part, keeping the time of writing, which
 // orders the kept files.
-bool copy_file(const char *src, const std::string &dst) {
+bool copy_file(const char *src, const char *dst) {
+  char part[UNSENT_PATH_SIZE + sizeof(PART_SUFFIX)];
+  snprintf(part, sizeof(part), "%s%s", dst, PART_SUFFIX);
   unique_fd in(open(src, O_RDONLY | O_CLOEXEC));
   struct stat st;
   if (!in || fstat(in.get(), &st) != 0)
     return false;
-  const std::string part = dst + PART_SUFFIX;
-  unique_fd out(open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  unique_fd out(open(part, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (!out)
     return false;
   char buf[16 * 1024];
@@ -80,16 +88,24 @@ bool copy_file(const char *src, const std::string &dst) {
   const struct timespec times[2] = {st.st_atim, st.st_mtim};
   ok = ok && futimens(out.get(), times) == 0 && fsync(out.get()) == 0;
   out.reset();
-  if (!ok || rename(part.c_str(), dst.c_str()) != 0) {
-    unlink(part.c_str());
+  if (!ok || rename(part, dst) != 0) {
+    unlink(part);
     return false;
   }
   return true;
 }
 
+int oldest_first(const void *a, const void *b) {
+  const auto *x = static_cast<const unsent_file *>(a);
+  const auto *y = static_cast<const unsent_file *>(b);
+  if (x->written_ns != y->written_ns)
+    return x->written_ns < y->written_ns ? -1 : 1;
+  return strcmp(x->name(), y->name());
+}
+
 // Deletes the oldest files while the group keeps more than its bounds.
 void enforce_bounds(uint32_t id) {
-  std::vector<unsent_file> files = unsent_files(id);
+  const std::vector<unsent_file> files = unsent_files(id);
   uint64_t bytes = 0;
   for (const unsent_file &f : files)
     bytes += f.size;
@@ -99,36 +115,56 @@ void enforce_bounds(uint32_t id) {
       break;
     log_msg_as("unsent_keep", WARN, "more than %d files or %d MiB kept for group %d: %s deleted\n",
                static_cast<int>(UNSENT_MAX_FILES), static_cast<int>(UNSENT_MAX_BYTES >> 20),
-               static_cast<int>(id), f.name.c_str());
-    unlink(f.path.c_str());
+               static_cast<int>(id), f.name());
+    unlink(f.path);
     count--;
     bytes -= f.size;
   }
+}
+
+struct leftover_arg {
+  uint32_t id;
+  const char *dir;
+};
+
+void keep_leftover(const char *name, void *arg) {
+  const auto *a = static_cast<const leftover_arg *>(arg);
+  char path[UNSENT_PATH_SIZE];
+  if (!fits(snprintf(path, sizeof(path), "%s/%s", a->dir, name), sizeof(path)))
+    return;
+  log_msg_as("unsent_keep_leftovers", DEBUG, "%s left by the last run: kept to be sent\n", name);
+  unsent_keep(a->id, path);
 }
 
 }  // namespace
 
 bool unsent_enabled() { return qz2fh_get_unsent_dir() != nullptr; }
 
-std::string unsent_dir_of(uint32_t id) {
-  std::string dir = qz2fh_get_unsent_dir() ? qz2fh_get_unsent_dir() : "";
-  while (!dir.empty() && dir.back() == '/')
-    dir.pop_back();
-  return dir + "/" + std::to_string(id);
+bool unsent_dir_of(uint32_t id, char *dir, size_t size) {
+  const char *base = qz2fh_get_unsent_dir();
+  if (!base)
+    return false;
+  size_t len = strlen(base);
+  while (len > 1 && base[len - 1] == '/')
+    len--;
+  return fits(snprintf(dir, size, "%.*s/%d", static_cast<int>(len), base, static_cast<int>(id)),
+              size);
 }
 
 int unsent_keep(uint32_t id, const char *path) {
-  const std::string dir = unsent_dir_of(id);
+  char dir[UNSENT_PATH_SIZE], dst[UNSENT_PATH_SIZE];
   const char *slash = strrchr(path, '/');
-  const std::string dst = dir + "/" + (slash ? slash + 1 : path);
+  if (!unsent_dir_of(id, dir, sizeof(dir)) ||
+      !fits(snprintf(dst, sizeof(dst), "%s/%s", dir, slash ? slash + 1 : path), sizeof(dst)))
+    return -1;
   if (!make_dirs(dir)) {
-    log_msg(ERROR, "cannot create %s: %s; %s not kept\n", dir.c_str(), strerror(errno), path);
+    log_msg(ERROR, "cannot create %s: %s; %s not kept\n", dir, strerror(errno), path);
     return -1;
   }
-  if (rename(path, dst.c_str()) != 0) {
+  if (rename(path, dst) != 0) {
     // The spool is in /tmp; the unsent directory may be on flash.
     if (errno != EXDEV || !copy_file(path, dst)) {
-      log_msg(ERROR, "cannot keep %s in %s: %s\n", path, dir.c_str(), strerror(errno));
+      log_msg(ERROR, "cannot keep %s in %s: %s\n", path, dir, strerror(errno));
       return -1;
     }
     unlink(path);
@@ -137,56 +173,59 @@ int unsent_keep(uint32_t id, const char *path) {
   return 0;
 }
 
-std::vector<unsent_file> unsent_files(uint32_t id) {
-  std::vector<unsent_file> files;
-  const std::string dir = unsent_dir_of(id);
-  DIR *d = opendir(dir.c_str());
-  if (!d)
-    return files;
-  while (dirent *e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..")
-      continue;
-    const std::string path = dir + "/" + name;
-    struct stat st;
-    if (is_part(name)) {
-      unlink(path.c_str());
-      continue;
-    }
-    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-      continue;
-    const int64_t written = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    files.push_back(unsent_file{path, name, static_cast<uint64_t>(st.st_size), written});
+void unsent_each_name(const char *dir, const char *suffix, void (*fn)(const char *name, void *arg),
+                      void *arg) {
+  dirent **names = nullptr;
+  const int n = scandir(dir, &names, nullptr, alphasort);
+  for (int i = 0; i < n; i++) {
+    const char *name = names[i]->d_name;
+    if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0 && ends_with(name, suffix))
+      fn(name, arg);
+    free(names[i]);
   }
-  closedir(d);
-  std::sort(files.begin(), files.end(), [](const unsent_file &a, const unsent_file &b) {
-    return a.written_ns != b.written_ns ? a.written_ns < b.written_ns : a.name < b.name;
-  });
-  return files;
+  free(names);
 }
 
 void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix) {
   if (!unsent_enabled())
     return;
-  std::vector<std::string> names;
-  if (DIR *d = opendir(dir.path)) {
-    while (dirent *e = readdir(d)) {
-      const std::string name = e->d_name;
-      const size_t n = strlen(suffix);
-      if (name.size() > n && name.compare(name.size() - n, n, suffix) == 0)
-        names.push_back(name);
-    }
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
-  for (const std::string &name : names) {
-    const std::string path = std::string(dir.path) + "/" + name;
-    log_msg(DEBUG, "%s left by the last run: kept to be sent\n", name.c_str());
-    unsent_keep(id, path.c_str());
-  }
+  leftover_arg arg = {id, dir.path};
+  unsent_each_name(dir.path, suffix, keep_leftover, &arg);
 }
 
-void unsent_delivered(const unsent_file &file) { unlink(file.path.c_str()); }
+std::vector<unsent_file> unsent_files(uint32_t id) {
+  std::vector<unsent_file> files;
+  char dir[UNSENT_PATH_SIZE];
+  if (!unsent_dir_of(id, dir, sizeof(dir)))
+    return files;
+  DIR *d = opendir(dir);
+  if (!d)
+    return files;
+  while (dirent *e = readdir(d)) {
+    if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0)
+      continue;
+    unsent_file f;
+    const int n = snprintf(f.path, sizeof(f.path), "%s/%s", dir, e->d_name);
+    if (!fits(n, sizeof(f.path)))
+      continue;
+    f.name_at = strlen(dir) + 1;
+    struct stat st;
+    if (ends_with(e->d_name, PART_SUFFIX)) {
+      unlink(f.path);
+      continue;
+    }
+    if (stat(f.path, &st) != 0 || !S_ISREG(st.st_mode))
+      continue;
+    f.size = static_cast<uint64_t>(st.st_size);
+    f.written_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    files.push_back(f);
+  }
+  closedir(d);
+  qsort(files.data(), files.size(), sizeof(unsent_file), oldest_first);
+  return files;
+}
+
+void unsent_delivered(const unsent_file &file) { unlink(file.path); }
 
 void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes) {
   *files = 0;
@@ -220,15 +259,15 @@ void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir)
   for (const unsent_file &f : unsent_files(id)) {
     if (sent == UNSENT_RESEND_MAX)
       break;
-    const int status = qz2fh_send_file(f.path.c_str(), dir);
+    const int status = qz2fh_send_file(f.path, dir);
     counters->last_upload_status = status;
     if (status != 0) {
       counters->uploads_failed++;
-      log_msg(DEBUG, "kept file %s not sent again: status %d\n", f.name.c_str(), status);
+      log_msg(DEBUG, "kept file %s not sent again: status %d\n", f.name(), status);
       break;
     }
     counters->uploads_ok++;
-    log_msg(DEBUG, "sent kept file :%s\n", f.name.c_str());
+    log_msg(DEBUG, "sent kept file :%s\n", f.name());
     unsent_delivered(f);
     sent++;
   }

@@ -4,10 +4,8 @@
 // here is used unless the configuration names the directory.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "output/spool.h"
@@ -16,12 +14,15 @@
 // oldest files are deleted.
 constexpr size_t UNSENT_MAX_FILES = 64;
 constexpr uint64_t UNSENT_MAX_BYTES = 16 * 1024 * 1024;
+// A kept file's path: the directory (at most 128), the group and the name.
+constexpr size_t UNSENT_PATH_SIZE = 512;
 
 // True when "fh_unsent_dir" is set.
 bool unsent_enabled();
 
-// The group's directory, "<fh_unsent_dir>/<id>" (no slash at the end).
-std::string unsent_dir_of(uint32_t id);
+// The group's directory, "<fh_unsent_dir>/<id>" (no slash at the end), into
+// dir. False when it does not fit.
+bool unsent_dir_of(uint32_t id, char *dir, size_t size);
 
 // Moves the file at path into the group's directory under its own name
 // (across file systems by copy, made whole before it gets its name), then
@@ -29,18 +30,19 @@ std::string unsent_dir_of(uint32_t id);
 // 0, or -1 when the file could not be kept (logged; the file stays).
 int unsent_keep(uint32_t id, const char *path);
 
-struct unsent_file {
-  std::string path;
-  std::string name;
-  uint64_t size;
-  int64_t written_ns;  // time of writing
-};
-// The group's kept files, oldest first (by time of writing, then name).
-std::vector<unsent_file> unsent_files(uint32_t id);
-
 // Durable mode: keeps every file of a spool directory whose name ends with
 // suffix (files a stopped run could not send); nothing otherwise.
 void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix);
+
+struct unsent_file {
+  char path[UNSENT_PATH_SIZE];
+  size_t name_at;  // where the name begins in path
+  uint64_t size;
+  int64_t written_ns;  // time of writing
+  const char *name() const { return path + name_at; }
+};
+// The group's kept files, oldest first (by time of writing, then name).
+std::vector<unsent_file> unsent_files(uint32_t id);
 
 // Removes a kept file once it has been delivered.
 void unsent_delivered(const unsent_file &file);
@@ -57,3 +59,8 @@ bool upload_done(upload_counters *counters, uint32_t id, const char *path, int s
 // is deleted, and the first failure ends the round.
 constexpr int UNSENT_RESEND_MAX = 4;
 void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir);
+
+// The names in a directory that end with suffix ("" for every entry but
+// "." and ".."), sorted, through fn; for leftovers of a stopped run.
+void unsent_each_name(const char *dir, const char *suffix, void (*fn)(const char *name, void *arg),
+                      void *arg);

@@ -26,14 +26,16 @@ std::string spool_file(const std::string &name, const std::string &text, int s) 
 std::vector<std::string> kept_names(uint32_t id) {
   std::vector<std::string> names;
   for (const unsent_file &f : unsent_files(id))
-    names.push_back(f.name);
+    names.push_back(f.name());
   return names;
 }
 
 TEST(Unsent, KeepsFilesUnderTheirNamesOldestFirst) {
   load_test_config({{"fh_unsent_dir", "\"/tmp/keep/\""}});
   ASSERT_TRUE(unsent_enabled());
-  EXPECT_EQ(unsent_dir_of(145), "/tmp/keep/145");
+  char dir[UNSENT_PATH_SIZE];
+  ASSERT_TRUE(unsent_dir_of(145, dir, sizeof(dir)));
+  EXPECT_STREQ(dir, "/tmp/keep/145");
   const std::string b = spool_file("b.zip", "bbb", 2);
   const std::string a = spool_file("a.zip", "aa", 1);
   const std::string c = spool_file("c.zip", "c", 2);
