@@ -142,8 +142,7 @@ long whole_lines(const char *path) {
 
 // Lists one file left in the spool directory, or deletes it when it holds
 // nothing to send: an index half written, no whole record, no dataset's.
-void list_leftover(const char *name, void *arg) {
-  auto *g = static_cast<bcp_group *>(arg);
+void list_leftover(bcp_group *g, const char *name) {
   char path[BCP_NAME_SIZE + SPOOL_PATH_SIZE];
   snprintf(path, sizeof(path), "%s/%s", g->spool.path, name);
   const bcp_dataset *ds = dataset_of_file(g, name);
@@ -171,7 +170,9 @@ void archive_recover_leftovers(bcp_group *g) {
     return;
   unsent_keep_leftovers(g->id, g->spool, ".zip");
   g->bcp_file_count = 0;
-  unsent_each_name(g->spool.path, "", list_leftover, g);
+  const dir_listing names(g->spool.path);
+  for (int i = 0; i < names.size(); i++)
+    list_leftover(g, names.name(i));
   if (g->bcp_file_count != 0) {
     log_msg(DEBUG, "%d record files left by the last run in %s\n",
             static_cast<int>(g->bcp_file_count), g->spool.path);

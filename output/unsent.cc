@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "config/config.h"
 #include "frame/log.h"
@@ -95,12 +96,10 @@ bool copy_file(const char *src, const char *dst) {
   return true;
 }
 
-int oldest_first(const void *a, const void *b) {
-  const auto *x = static_cast<const unsent_file *>(a);
-  const auto *y = static_cast<const unsent_file *>(b);
-  if (x->written_ns != y->written_ns)
-    return x->written_ns < y->written_ns ? -1 : 1;
-  return strcmp(x->name(), y->name());
+bool older(const unsent_file &x, const unsent_file &y) {
+  if (x.written_ns != y.written_ns)
+    return x.written_ns < y.written_ns;
+  return strcmp(x.name(), y.name()) < 0;
 }
 
 // Deletes the oldest files while the group keeps more than its bounds.
@@ -120,20 +119,6 @@ void enforce_bounds(uint32_t id) {
     count--;
     bytes -= f.size;
   }
-}
-
-struct leftover_arg {
-  uint32_t id;
-  const char *dir;
-};
-
-void keep_leftover(const char *name, void *arg) {
-  const auto *a = static_cast<const leftover_arg *>(arg);
-  char path[UNSENT_PATH_SIZE];
-  if (!fits(snprintf(path, sizeof(path), "%s/%s", a->dir, name), sizeof(path)))
-    return;
-  log_msg_as("unsent_keep_leftovers", DEBUG, "%s left by the last run: kept to be sent\n", name);
-  unsent_keep(a->id, path);
 }
 
 }  // namespace
@@ -173,24 +158,42 @@ int unsent_keep(uint32_t id, const char *path) {
   return 0;
 }
 
-void unsent_each_name(const char *dir, const char *suffix, void (*fn)(const char *name, void *arg),
-                      void *arg) {
-  dirent **names = nullptr;
-  const int n = scandir(dir, &names, nullptr, alphasort);
-  for (int i = 0; i < n; i++) {
-    const char *name = names[i]->d_name;
-    if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0 && ends_with(name, suffix))
-      fn(name, arg);
-    free(names[i]);
+dir_listing::dir_listing(const char *dir) {
+  count_ = scandir(dir, &names_, nullptr, alphasort);
+  if (count_ < 0)
+    count_ = 0;
+  // "." and ".." sort first: drop them.
+  int kept = 0;
+  for (int i = 0; i < count_; i++) {
+    const char *n = names_[i]->d_name;
+    if (strcmp(n, ".") == 0 || strcmp(n, "..") == 0)
+      free(names_[i]);
+    else
+      names_[kept++] = names_[i];
   }
-  free(names);
+  count_ = kept;
 }
+
+dir_listing::~dir_listing() {
+  for (int i = 0; i < count_; i++)
+    free(names_[i]);
+  free(names_);
+}
+
+const char *dir_listing::name(int i) const { return names_[i]->d_name; }
 
 void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix) {
   if (!unsent_enabled())
     return;
-  leftover_arg arg = {id, dir.path};
-  unsent_each_name(dir.path, suffix, keep_leftover, &arg);
+  const dir_listing names(dir.path);
+  for (int i = 0; i < names.size(); i++) {
+    char path[UNSENT_PATH_SIZE];
+    if (!ends_with(names.name(i), suffix) ||
+        !fits(snprintf(path, sizeof(path), "%s/%s", dir.path, names.name(i)), sizeof(path)))
+      continue;
+    log_msg(DEBUG, "%s left by the last run: kept to be sent\n", names.name(i));
+    unsent_keep(id, path);
+  }
 }
 
 std::vector<unsent_file> unsent_files(uint32_t id) {
@@ -221,7 +224,10 @@ std::vector<unsent_file> unsent_files(uint32_t id) {
     files.push_back(f);
   }
   closedir(d);
-  qsort(files.data(), files.size(), sizeof(unsent_file), oldest_first);
+  // Insertion sort: a few dozen files at most, and no sorting templates.
+  for (size_t i = 1; i < files.size(); i++)
+    for (size_t j = i; j > 0 && older(files[j], files[j - 1]); j--)
+      std::swap(files[j], files[j - 1]);
   return files;
 }
 

@@ -60,7 +60,18 @@ bool upload_done(upload_counters *counters, uint32_t id, const char *path, int s
 constexpr int UNSENT_RESEND_MAX = 4;
 void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir);
 
-// The names in a directory that end with suffix ("" for every entry but
-// "." and ".."), sorted, through fn; for leftovers of a stopped run.
-void unsent_each_name(const char *dir, const char *suffix, void (*fn)(const char *name, void *arg),
-                      void *arg);
+// The names in a directory, sorted, without "." and ".." (empty when it
+// cannot be read): for the leftovers of a stopped run.
+class dir_listing {
+ public:
+  explicit dir_listing(const char *dir);
+  ~dir_listing();
+  dir_listing(const dir_listing &) = delete;
+  dir_listing &operator=(const dir_listing &) = delete;
+  int size() const { return count_; }
+  const char *name(int i) const;
+
+ private:
+  struct dirent **names_ = nullptr;
+  int count_ = 0;
+};
