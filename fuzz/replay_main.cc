@@ -51,12 +51,16 @@ int main(int argc, char **argv) {
   std::vector<std::string> files;
   for (int i = 1; i < argc; i++)
     add_inputs(argv[i], &files);
-  std::vector<uint8_t> data;
-  for (const std::string &path : files) {
-    if (!read_file(path, &data)) {
-      perror(path.c_str());
+  // Every input is read before the first run: a target's set-up mounts a
+  // private /tmp, which would hide a checkout under /tmp.
+  std::vector<std::vector<uint8_t>> inputs(files.size());
+  for (size_t i = 0; i < files.size(); i++) {
+    if (!read_file(files[i], &inputs[i])) {
+      perror(files[i].c_str());
       return 1;
     }
+  }
+  for (const std::vector<uint8_t> &data : inputs) {
     static const uint8_t empty = 0;  // libFuzzer never passes null
     LLVMFuzzerTestOneInput(data.empty() ? &empty : data.data(), data.size());
   }

@@ -1,0 +1,249 @@
+#!/usr/bin/python3
+"""Plants one fault at a time in the daemon's sources and checks that the
+test suite catches it.
+
+Each fault is an exact piece of source text (found exactly once) and what
+replaces it.  For each: the tree is patched, the build directory rebuilt,
+the unit tests run, then (if they all passed) the end-to-end and tool tests;
+the fault is caught when any test fails.  The source is restored whatever
+happens.
+
+    tests/plant_faults.py [--build DIR] [--dry] [ID ...]    (root: e2e tests)
+
+Prints one Markdown row per fault: id, area, what was planted, and the
+first tests that failed (or MISSED).  Exit status 1 when any was missed.
+"""
+import argparse
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+
+# (id, area, file, source text, replacement, what the fault does)
+FAULTS = [
+    # Writing records
+    ("W1", "writing", "output/bcp_dataset.cc",
+     "if (++ds->record_count == BCP_MAX_RECORDS) {",
+     "if (++ds->record_count == BCP_MAX_RECORDS + 1) {",
+     "a file rolls over after 5001 records"),
+    ("W2", "writing", "output/bcp_dataset.cc",
+     "  ds->bcp_sequence++;\n", "\n",
+     "the file sequence number never advances"),
+    ("W3", "writing", "output/bcp_record.cc",
+     "plan.text += i + 1 == count ? '\\n' : '\\t';",
+     "plan.text += '\\t';",
+     "a line whose last column is fixed lacks its line feed"),
+    ("W4", "writing", "output/bcp_record.cc",
+     "  if (len_ + text.size() >= sizeof(buf_)) {",
+     "  if (len_ + text.size() > sizeof(buf_)) {",
+     "a line one byte too long is accepted (terminator overwritten)"),
+    ("W5", "writing", "output/bcp_dataset.cc",
+     "  ds->records++;\n", "\n",
+     "records are not counted"),
+    ("W6", "writing", "output/bcp_dataset.cc",
+     "    if (g->bcp_file_count >= BCP_FILE_LIST_SIZE - 1 - BCP_GROUP_DATASETS) {",
+     "    if (g->bcp_file_count >= BCP_FILE_LIST_SIZE - 1) {",
+     "the early archive comes too late for the open files"),
+    ("W7", "writing", "output/bcp_dataset.cc",
+     "  if (!unflushed)\n    return;", "  return;",
+     "lines stay in stdio's buffer until the file closes"),
+    ("W8", "writing", "netbar/netbar_terminal.cc",
+     "  if (!r.online)\n    l.put_decimal(r.end_time);",
+     "  l.put_decimal(r.end_time);",
+     "an online record carries an end time"),
+    ("W9", "writing", "output/bcp_record.cc",
+     "    *--p = static_cast<char>('0' + value % 10);",
+     "    *--p = static_cast<char>('0' + value % 10 % 9);",
+     "the digit 9 is written as 0"),
+    # Archive cycle and unsent files
+    ("A1", "archive", "output/archive.cc",
+     "  fputs(BCP_INDEX_FOOTER, fp);\n", "\n",
+     "the index has no footer"),
+    ("A2", "archive", "output/archive.cc",
+     "const int sequence = st.zip_sequence++;",
+     "const int sequence = st.zip_sequence;",
+     "the zip sequence number never advances"),
+    ("A3", "archive", "output/archive.cc",
+     "    qz2fh_delete_dir_file(g->spool);\n  }\n  g->bcp_file_count = 0;\n  // Kept",
+     "    qz2fh_delete_dir_file(g->spool);\n  }\n  // Kept",
+     "the next cycle indexes the last cycle's files again"),
+    ("A4", "archive", "output/bcp_record.cc",
+     "\"\\t\\t\\t\\t\\t\\t\\t<ITEM key=\\\"I010034\\\" val=\\\"%d\\\" rmk=\\\"记录行数\\\"/>\\t\\t\\t\\t\\t\\t\\n\"",
+     "\"\\t\\t\\t\\t\\t\\t\\t<ITEM key=\\\"I010034\\\" val=\\\"%d\\\" rmk=\\\"记录行数\\\"/>\\t\\t\\t\\t\\t\\t\\t\\n\"",
+     "one tab too many in every index block"),
+    ("A5", "archive", "output/archive.cc",
+     "  const bool cut = pos != end;", "  const bool cut = false;",
+     "a line cut by a crash is archived as it is"),
+    ("A6", "archive", "output/unsent.cc",
+     "    if (count <= UNSENT_MAX_FILES && bytes <= UNSENT_MAX_BYTES)",
+     "    if (count < UNSENT_MAX_FILES && bytes <= UNSENT_MAX_BYTES)",
+     "one kept file fewer than the bound"),
+    ("A7", "archive", "output/unsent.cc",
+     "    return x.written_ns < y.written_ns;", "    return x.written_ns > y.written_ns;",
+     "kept files are sent newest first"),
+    ("A8", "archive", "output/unsent.cc",
+     "  if (unsent_enabled()) {\n    const char *slash",
+     "  if (false) {\n    const char *slash",
+     "a failed upload is not kept in durable mode"),
+    ("A9", "archive", "output/unsent.cc",
+     "    if (sent == UNSENT_RESEND_MAX)", "    if (sent == UNSENT_RESEND_MAX + 60)",
+     "every kept file is sent again in one cycle"),
+    ("A10", "archive", "output/spool.cc",
+     "\"rm %s/* 2>/dev/null\"", "\"rm %s/*.bcp 2>/dev/null\"",
+     "the spool clean-up leaves the zip and the index"),
+    # Event loop, scheduler, command runner, feed queue
+    ("L1", "loop", "frame/report_timer.cc",
+     "    if (t->countdown > REPORT_TICK_SECONDS) {", "    if (t->countdown >= REPORT_TICK_SECONDS) {",
+     "every job runs one tick late"),
+    ("L2", "loop", "frame/report_timer.cc",
+     "result == report_result::done ? t->period : REPORT_TICK_SECONDS",
+     "t->period", "a job that asks to retry waits a whole period"),
+    ("L3", "loop", "frame/report_timer.cc",
+     "(a.owner == b.owner && a.phase < b.phase)", "(a.owner == b.owner && a.phase > b.phase)",
+     "periodic records run before their group's archive"),
+    ("L4", "loop", "frame/eloop.cc",
+     "    if (table.changed)\n      break;", "",
+     "a handler that changed the socket table is followed by stale entries"),
+    ("L5", "loop", "frame/command.cc",
+     "  kill(-pid, SIGKILL);", "  kill(pid, SIGKILL);",
+     "a command past its limit is killed without its process group"),
+    ("L6", "loop", "frame/command.cc",
+     "  return killed ? -1 : status;", "  return status;",
+     "a killed command counts as its shell's status"),
+    ("L7", "loop", "frame/feed_queue.cc",
+     "  return s.bytes + entry_size(s.spec.max_len) <= FEED_SHARE_BYTES;", "  return true;",
+     "a feed's share has no bound"),
+    ("L8", "loop", "frame/feed_queue.cc",
+     "      handle_first(sources[i]);\n      if (++since_pull",
+     "      while (sources[i].bytes)\n        handle_first(sources[i]);\n      if (++since_pull",
+     "a backlog is handled one feed after the other, not in turn"),
+    ("L9", "loop", "frame/feed_queue.cc",
+     "    if (!feed_queue_empty())\n      return;\n", "",
+     "a read callback handles new input before older queued input"),
+    ("L10", "loop", "frame/feed_queue.cc",
+     "    if (*n >= 0)\n      s.counters.deferred++;", "",
+     "input left in the kernel is never reported"),
+    ("L11", "loop", "frame/feed_queue.cc",
+     "    if (*err == ENOBUFS)\n      s.counters.overruns++;", "",
+     "netlink overruns are not counted"),
+    ("L12", "loop", "config/identity.cc",
+     "    if (since >= 0 && since < ROUTE_RETRY_USEC)\n      return nullptr;", "",
+     "a missing route is probed again for every record"),
+    # Shell and URL quoting
+    ("Q1", "quoting", "output/spool.cc",
+     "  if (c == '~')  // tilde expansion\n    return false;\n", "",
+     "a leading ~ reaches the shell unquoted"),
+    ("Q2", "quoting", "output/spool.cc",
+     "  return url_unreserved(c) || c == '/' || c == ':' || c == ',' || c == '+' || c == '=' ||\n"
+     "         c == '@' || c == '%';",
+     "  return url_unreserved(c) || c == '/' || c == ':' || c == ',' || c == '+' || c == '=' ||\n"
+     "         c == '@' || c == '%' || c == '$';",
+     "$ reaches the shell unquoted"),
+    ("Q3", "quoting", "output/spool.cc",
+     "    if (url_unreserved(c)) {", "    if (url_unreserved(c) || c == '@') {",
+     "@ in a credential is not percent-encoded"),
+    ("Q4", "quoting", "output/spool.cc",
+     "user.c_str(), \"[KEY DATA REMOVED]\", host.c_str()",
+     "user.c_str(), qz2fh_get_ftp_password(), host.c_str()",
+     "the password appears in the log"),
+    ("Q5", "quoting", "output/spool.cc",
+     "  if (n < 0 || static_cast<size_t>(n) >= COMMAND_SIZE) {",
+     "  if (n < 0 || static_cast<size_t>(n) > COMMAND_SIZE) {",
+     "a command cut to its buffer is run"),
+    # Checks of outside input
+    ("I1", "input", "frame/text.cc",
+     "    if (c < 0x20 || c == 0x7f)", "    if (c < 0x20)",
+     "DEL is accepted in outside text"),
+    ("I2", "input", "config/identity.cc",
+     "c == '/' || c == '\"' || c == '\\\\')", "c == '\"' || c == '\\\\')",
+     "a MAC with / is used in a path"),
+    ("I3", "input", "config/identity.cc",
+     "  if (mac.empty() || mac.size() > QZ_MAC_TEXT_MAX || mac.find(\"..\") != std::string_view::npos)",
+     "  if (mac.empty() || mac.size() > QZ_MAC_TEXT_MAX)",
+     "a MAC with .. is used in a path"),
+    ("I4", "input", "netbar/netbar_netlink.cc",
+     "  if (len < NETLINK_MSG_MIN)\n    return false;", "  if (len < 17)\n    return false;",
+     "a short kernel message is read past its end"),
+    ("I5", "input", "config/config.cc",
+     "s[0] != '/' || strstr(s, \"..\") != nullptr)", "s[0] != '/')",
+     "an unsent directory with .. is accepted"),
+    ("I6", "input", "netbar/netbar_terminal.cc",
+     "    if (msg.count < 5 || !text_printable(msg.tokens[4]) ||",
+     "    if (msg.count < 5 ||",
+     "a type-4 account with a control character reaches a record"),
+    ("I7", "input", "netbar/netbar_terminal.cc",
+     "  if (nul == std::string_view::npos)\n    return \"text without a terminator\";", "",
+     "a datagram without its terminator is taken"),
+    ("I8", "input", "netbar/netbar_terminal.cc",
+     "  if (msg.tokens[1].size() >= sizeof(netbar_terminal::ip))\n    return \"ip too long\";", "",
+     "an address too long for its field is cut"),
+]
+
+
+def run(cmd, log, **kw):
+    with open(log, "ab") as out:
+        return subprocess.run(cmd, stdout=out, stderr=subprocess.STDOUT, **kw).returncode
+
+
+def failed_tests(log):
+    text = pathlib.Path(log).read_text(errors="replace")
+    names = re.findall(r"\d+/\d+ Test\s+#\d+: (\S+) \.*\**(?:Failed|Timeout|Exception)", text)
+    return names
+
+
+def check(fault, build, logdir):
+    fid, area, rel, old, new, what = fault
+    path = ROOT / rel
+    source = path.read_text()
+    if source.count(old) != 1:
+        return f"NOT PLANTED (text found {source.count(old)} times)"
+    log = logdir / f"{fid}.log"
+    log.unlink(missing_ok=True)
+    try:
+        path.write_text(source.replace(old, new))
+        if run(["cmake", "--build", build, f"-j{os.cpu_count()}"], log) != 0:
+            return "NOT BUILT"
+        for selection in (["-L", "unit"], ["-LE", "unit"]):
+            rc = run(["ctest", "--test-dir", build, f"-j{os.cpu_count()}", "--stop-on-failure",
+                      "--timeout", "300", *selection], log)
+            if rc != 0:
+                return "caught: " + ", ".join(failed_tests(log)[:3])
+        return "MISSED"
+    finally:
+        path.write_text(source)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--build", default=str(ROOT / "build-faults"))
+    ap.add_argument("--dry", action="store_true", help="only check that each fault applies")
+    ap.add_argument("ids", nargs="*")
+    args = ap.parse_args()
+    if args.dry:
+        bad = [f[0] for f in FAULTS if (ROOT / f[2]).read_text().count(f[3]) != 1]
+        print(f"{len(FAULTS)} faults, {len(bad)} not found once: {' '.join(bad)}")
+        return 1 if bad else 0
+    build = args.build
+    if not os.path.exists(os.path.join(build, "CMakeCache.txt")):
+        subprocess.run(["cmake", "-S", str(ROOT), "-B", build, "-DCMAKE_BUILD_TYPE=RelWithDebInfo"],
+                       check=True, stdout=subprocess.DEVNULL)
+    logdir = pathlib.Path(build) / "faults"
+    logdir.mkdir(exist_ok=True)
+    missed = 0
+    print("| id | area | fault | result |\n|---|---|---|---|", flush=True)
+    for fault in FAULTS:
+        if args.ids and fault[0] not in args.ids:
+            continue
+        result = check(fault, build, logdir)
+        missed += not result.startswith("caught")
+        print(f"| {fault[0]} | {fault[1]} | {fault[5]} | {result} |", flush=True)
+    # Leave the build as the sources are.
+    subprocess.run(["cmake", "--build", build, f"-j{os.cpu_count()}"], stdout=subprocess.DEVNULL)
+    return 1 if missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
