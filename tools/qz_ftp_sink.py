@@ -69,7 +69,6 @@ class FtpSink:
         self._lock = threading.Lock()
         self._changed = threading.Condition(self._lock)
         self._uploads = []
-        self._incomplete = []
         self._logins = []
         self._delay = 0.0
         self._server = None
@@ -155,28 +154,10 @@ class FtpSink:
         with self._lock:
             return list(self._uploads)
 
-    def incomplete(self):
-        """(user, remote) of transfers cut off before the end."""
-        with self._lock:
-            return list(self._incomplete)
-
     def logins(self):
         """User names of successful logins, in order."""
         with self._lock:
             return list(self._logins)
-
-    def wait_uploads(self, count, timeout):
-        """Waits until at least count uploads arrived; returns them all."""
-        deadline = time.monotonic() + timeout
-        with self._changed:
-            while len(self._uploads) < count:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    raise AssertionError("%d upload(s) after %.1f s, wanted %d: %s"
-                                         % (len(self._uploads), timeout, count,
-                                            [u.remote for u in self._uploads]))
-                self._changed.wait(left)
-            return list(self._uploads)
 
     # -- handler side ------------------------------------------------------
 
@@ -201,7 +182,6 @@ class FtpSink:
 
     def _drop_incomplete(self, username, file):
         with self._changed:
-            self._incomplete.append((username, self._remote(file)))
             try:
                 os.unlink(file)
             except FileNotFoundError:

@@ -54,7 +54,6 @@ DATA_APP = 1
 DATA_HTTP = 2
 DATA_DPI = 3
 REGISTRATION_LEN = 80
-NLMSG_HDR_LEN = 16
 EVENT_FIELDS_END = 52  # first byte after the destination port
 DEFAULT_EVENT_LEN = 200
 DAEMON_NAME = "qz_fh_audit"
@@ -268,27 +267,10 @@ def send_raw(data):
         return sender.send_raw(data)
 
 
-def send_online(mac, ip, auth_type, extra=None, account=None):
-    with ShellSender() as sender:
-        return sender.online(mac, ip, auth_type, extra, account)
-
-
-def send_offline(mac):
-    with ShellSender() as sender:
-        return sender.offline(mac)
-
-
 # --- the kernel module ----------------------------------------------------
 
 class RegistrationError(AssertionError):
     pass
-
-
-def build_registration(pid):
-    """The registration message the daemon must send, byte for byte."""
-    order = byte_order()
-    return (struct.pack(order + "IHHII", REGISTRATION_LEN, 0, 0, 0, pid) +
-            struct.pack(order + "IBB", 1, 1, 1) + bytes(REGISTRATION_LEN - 22))
 
 
 def parse_registration(data, sender_port=None):

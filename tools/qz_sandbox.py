@@ -92,7 +92,6 @@ DEFAULT_CONFIG = {
     "fh_ftp_username": "qzaudit",
     "fh_ftp_password": "qz-pass-1",
 }
-CONFIG_KEYS = tuple(DEFAULT_CONFIG)
 # Value for Sandbox.write_config() that leaves the key out of the file.
 REMOVE = object()
 
@@ -348,12 +347,6 @@ def wait_idle(pid, timeout=60.0):
     wait_until(twice, timeout, "process %d to wait idle" % pid)
 
 
-def context_switches(pid):
-    """Voluntary context switches so far: grows while a loop waits and wakes."""
-    st = proc_status(pid)
-    return int(st["voluntary_ctxt_switches"]) if st else None
-
-
 def pids_of(exe):
     """Live processes running the executable exe, leaving out children
     that have not yet replaced it by exec (a command being started)."""
@@ -549,12 +542,6 @@ class Daemon:
     def any_text(self):
         return self._cap.text("any")
 
-    def stdout_lines(self):
-        return self.stdout_text().splitlines()
-
-    def stderr_lines(self):
-        return self.stderr_text().splitlines()
-
     def mark(self, stream="stdout"):
         """Current length of a stream's text, for wait_for(..., since=mark)."""
         return len(self._cap.text(stream))
@@ -696,9 +683,6 @@ class SyslogSink:
         self.sync()
         with self._cond:
             return self._msgs[since:]
-
-    def records(self, since=0):
-        return [SyslogRecord(m) for m in self.lines(since)]
 
     def wait_for(self, pattern, timeout=60.0, since=0, flags=0):
         """Waits for a datagram the regex matches (searched over the raw text,
@@ -889,10 +873,6 @@ class Sandbox:
         with open(CONFIG_PATH, "wb") as f:
             f.write(data)
         return data
-
-    def remove_config(self):
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(CONFIG_PATH)
 
     def set_wtps(self, lines=None, raw=None, fifo=False):
         """Sets what `wum -c wtps` prints: each line with a newline, or raw

@@ -111,6 +111,42 @@ TEST_F(Archive, FailedIndexDeletesTheCycleUnsent) {
   EXPECT_EQ(run.commands[0], "rm /tmp/146/* 2>/dev/null");
 }
 
+// A crash leaves a record file whose last line was cut: durable mode's next
+// start archives the whole lines and keeps the zip; what belongs to no
+// dataset is deleted.
+TEST(Recovery, LeftoversOfACrashAreArchivedWithoutTheCutLine) {
+  fake_runner run;
+  run.pass_through("mkdir");
+  run.pass_through("rm");
+  run.pass_through("cd /tmp/146;zip");
+  const std::string bcp = "146-350100-1700000000-00003-WA_BASIC_FJ_1002-0.bcp";
+  std::string index, records;
+  run.on_command = [&](const std::string &cmd) {
+    if (cmd.rfind("cd /tmp/146;zip", 0) == 0) {
+      index = read_file("/tmp/146/GAB_ZIP_INDEX.xml");
+      records = read_file("/tmp/146/" + bcp);
+    }
+  };
+  load_test_config({{"fh_unsent_dir", "\"/tmp/keep\""}});
+  eloop_init();
+  ASSERT_EQ(mkdir("/tmp/146", 0755), 0);
+  ASSERT_TRUE(write_file("/tmp/146/" + bcp, "a\tb\nc\td\ne\tf"));
+  ASSERT_TRUE(write_file("/tmp/146/146-350100-1700000000-00000-WA_OTHER-0.bcp", "x\n"));
+  source_group_init();
+  archive_recover_leftovers(bcp_group_at(0));
+
+  EXPECT_EQ(records, "a\tb\nc\td\n");
+  EXPECT_NE(index.find("val=\"" + bcp + "\""), std::string::npos);
+  EXPECT_NE(index.find("key=\"I010034\" val=\"2\""), std::string::npos);
+  EXPECT_EQ(index.find("WA_OTHER"), std::string::npos);
+  EXPECT_TRUE(list_dir("/tmp/146").empty());
+  const std::vector<std::string> kept = list_dir("/tmp/keep/146");
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_TRUE(std::regex_match(kept[0],
+                               std::regex(R"(146-507183926-350100-350000-\d{10}-00000\.zip)")))
+      << kept[0];
+}
+
 TEST(Spool, ShellAndUrlQuotingLeaveOrdinaryValuesAlone) {
   EXPECT_EQ(shell_word("/tmp/146/146-507183926-350100-350000-1700000300-00000.zip"),
             "/tmp/146/146-507183926-350100-350000-1700000300-00000.zip");
