@@ -142,8 +142,8 @@ TEST(Recovery, LeftoversOfACrashAreArchivedWithoutTheCutLine) {
   EXPECT_TRUE(list_dir("/tmp/146").empty());
   const std::vector<std::string> kept = list_dir("/tmp/keep/146");
   ASSERT_EQ(kept.size(), 1u);
-  EXPECT_TRUE(std::regex_match(kept[0],
-                               std::regex(R"(146-507183926-350100-350000-\d{10}-00000\.zip)")))
+  EXPECT_TRUE(
+      std::regex_match(kept[0], std::regex(R"(146-507183926-350100-350000-\d{10}-00000\.zip)")))
       << kept[0];
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "frame/log.h"
+#include "output/spool.h"
 #include "tests/unit/test_support.h"
 
 namespace {
@@ -103,6 +104,34 @@ TEST(Unsent, OldestDeletedBeyondTheBounds) {
     ASSERT_EQ(unsent_keep(145, p.c_str()), 0);
   }
   EXPECT_EQ(kept_names(145), std::vector<std::string>({"g1.zip", "g2.zip"}));
+}
+
+// After its own upload a group sends at most four kept files, oldest first,
+// each deleted once sent; a failure leaves the rest for the next cycle.
+TEST(Unsent, ResentOldestFirstAtMostFourACycle) {
+  load_test_config({{"fh_unsent_dir", "\"/tmp/keep\""}});
+  for (int i = 0; i < 6; i++)
+    ASSERT_EQ(unsent_keep(145, spool_file("k" + std::to_string(i) + ".zip", "k", 6 - i).c_str()),
+              0);
+  fake_runner run;
+  upload_counters counters{};
+  unsent_resend(&counters, 145, spool_dir_of(145));
+  ASSERT_EQ(run.commands.size(), 4u);
+  for (int i = 0; i < 4; i++) {
+    const std::string start = "wput -t 2 /tmp/keep/145/k" + std::to_string(5 - i) + ".zip ftp://";
+    EXPECT_EQ(run.commands[i].rfind(start, 0), 0u) << run.commands[i];
+  }
+  EXPECT_NE(run.commands[0].find("@127.0.0.1:2121//tmp/145 -B -q"), std::string::npos);
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({"k1.zip", "k0.zip"}));
+  EXPECT_EQ(counters.uploads_ok, 4u);
+
+  run.commands.clear();
+  run.answer("wput", "", 1 << 8);
+  unsent_resend(&counters, 145, spool_dir_of(145));
+  EXPECT_EQ(run.commands.size(), 1u);
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({"k1.zip", "k0.zip"}));
+  EXPECT_EQ(counters.uploads_failed, 1u);
+  EXPECT_EQ(counters.last_upload_status, 1);
 }
 
 TEST(Unsent, OffWithoutTheKey) {
