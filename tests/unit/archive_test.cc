@@ -127,23 +127,23 @@ TEST(Recovery, LeftoversOfACrashAreArchivedWithoutTheCutLine) {
       records = read_file("/tmp/146/" + bcp);
     }
   };
-  load_test_config({{"fh_unsent_dir", "\"/tmp/keep\""}});
+  load_test_config({{"fh_unsent_dir", "\"/tmp/recovered\""}});
   eloop_init();
-  ASSERT_EQ(mkdir("/tmp/146", 0755), 0);
+  ASSERT_EQ(system("rm -rf /tmp/146 && mkdir /tmp/146"), 0);
   ASSERT_TRUE(write_file("/tmp/146/" + bcp, "a\tb\nc\td\ne\tf"));
   ASSERT_TRUE(write_file("/tmp/146/146-350100-1700000000-00000-WA_OTHER-0.bcp", "x\n"));
   source_group_init();
-  archive_recover_leftovers(bcp_group_at(0));
+  archive_recover_leftovers(&source_group);
 
   EXPECT_EQ(records, "a\tb\nc\td\n");
   EXPECT_NE(index.find("val=\"" + bcp + "\""), std::string::npos);
   EXPECT_NE(index.find("key=\"I010034\" val=\"2\""), std::string::npos);
   EXPECT_EQ(index.find("WA_OTHER"), std::string::npos);
   EXPECT_TRUE(list_dir("/tmp/146").empty());
-  const std::vector<std::string> kept = list_dir("/tmp/keep/146");
+  const std::vector<std::string> kept = list_dir("/tmp/recovered/146");
   ASSERT_EQ(kept.size(), 1u);
   EXPECT_TRUE(
-      std::regex_match(kept[0], std::regex(R"(146-507183926-350100-350000-\d{10}-00000\.zip)")))
+      std::regex_match(kept[0], std::regex(R"(146-507183926-350100-350000-\d{10}-\d{5}\.zip)")))
       << kept[0];
 }
 

@@ -5,7 +5,20 @@
 
 #include <cstring>
 
+#include "frame/report_timer.h"
 #include "tests/private_tmp.h"
+
+namespace {
+
+// Tests that share one process (a run without ctest) start without the
+// jobs of the tests before them, which may have lived on their stacks.
+class fresh_jobs : public ::testing::EmptyTestEventListener {
+  void OnTestStart(const ::testing::TestInfo &) override {
+    report_timer_list.next = report_timer_list.prev = &report_timer_list;
+  }
+};
+
+}  // namespace
 
 int main(int argc, char **argv) {
   ::testing::InitGoogleTest(&argc, argv);
@@ -14,5 +27,6 @@ int main(int argc, char **argv) {
     listing |= strcmp(argv[i], "--gtest_list_tests") == 0;
   if (!listing && !private_tmp("size=512m"))
     return 1;
+  ::testing::UnitTest::GetInstance()->listeners().Append(new fresh_jobs);
   return RUN_ALL_TESTS();
 }

@@ -109,7 +109,7 @@ TEST(Unsent, OldestDeletedBeyondTheBounds) {
 // After its own upload a group sends at most four kept files, oldest first,
 // each deleted once sent; a failure leaves the rest for the next cycle.
 TEST(Unsent, ResentOldestFirstAtMostFourACycle) {
-  load_test_config({{"fh_unsent_dir", "\"/tmp/keep\""}});
+  load_test_config({{"fh_unsent_dir", "\"/tmp/resend\""}});
   for (int i = 0; i < 6; i++)
     ASSERT_EQ(unsent_keep(145, spool_file("k" + std::to_string(i) + ".zip", "k", 6 - i).c_str()),
               0);
@@ -118,7 +118,7 @@ TEST(Unsent, ResentOldestFirstAtMostFourACycle) {
   unsent_resend(&counters, 145, spool_dir_of(145));
   ASSERT_EQ(run.commands.size(), 4u);
   for (int i = 0; i < 4; i++) {
-    const std::string start = "wput -t 2 /tmp/keep/145/k" + std::to_string(5 - i) + ".zip ftp://";
+    const std::string start = "wput -t 2 /tmp/resend/145/k" + std::to_string(5 - i) + ".zip ftp://";
     EXPECT_EQ(run.commands[i].rfind(start, 0), 0u) << run.commands[i];
   }
   EXPECT_NE(run.commands[0].find("@127.0.0.1:2121//tmp/145 -B -q"), std::string::npos);
