@@ -208,7 +208,7 @@ def check(fault, build, logdir):
             return "NOT BUILT"
         for selection in (["-L", "unit"], ["-LE", "unit"]):
             rc = run(["ctest", "--test-dir", build, f"-j{os.cpu_count()}", "--stop-on-failure",
-                      "--timeout", "300", *selection], log)
+                      "--output-on-failure", "--timeout", "300", *selection], log)
             if rc != 0:
                 return "caught: " + ", ".join(failed_tests(log)[:3])
         return "MISSED"

@@ -19,9 +19,7 @@
 
 namespace {
 
-ssize_t plain_receive(int fd, uint8_t *buf, size_t cap) {
-  return recv(fd, buf, cap, MSG_DONTWAIT);
-}
+ssize_t plain_receive(int fd, uint8_t *buf, size_t cap) { return recv(fd, buf, cap, MSG_DONTWAIT); }
 
 struct handled_msg {
   int feed;
@@ -257,6 +255,33 @@ TEST_F(FeedQueue, FailuresKeepTheirPlaceAndOverrunsAreReported) {
             std::string::npos)
       << text;
   EXPECT_EQ(text.find("WARN", text.find("WARN") + 1), std::string::npos) << text;
+}
+
+// A handler that runs a command lets the command's wait read the feed into
+// the queue. What was queued is older than what is still in the socket:
+// the read callback stops and the queue is handled first.
+int pulling_feed = -1;
+int late_sender = -1;
+bool pull_then_send(const uint8_t *data, size_t len) {
+  record<0>(data, len);
+  if (handled.size() == 1) {
+    feed_queue_pull(pulling_feed);  // a command runs: 1 and 2 are queued
+    EXPECT_EQ(send(late_sender, "3", 1, 0), 1);
+  }
+  return true;
+}
+
+TEST_F(FeedQueue, QueuedInputGoesBeforeNewerInputOfTheSocket) {
+  feed_pair p;
+  late_sender = p.theirs;
+  pulling_feed = feed_queue_add_source(
+      feed_source_spec{"shell", p.ours, 16, false, plain_receive, pull_then_send, nullptr});
+  for (const char *m : {"0", "1", "2"})
+    ASSERT_EQ(send(p.theirs, m, 1, 0), 1);
+  serve_until(4, {pulling_feed});
+  ASSERT_EQ(handled.size(), 4u);
+  for (size_t i = 0; i < handled.size(); i++)
+    EXPECT_EQ(handled[i].text, std::to_string(i));
 }
 
 }  // namespace
