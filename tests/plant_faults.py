@@ -190,8 +190,7 @@ def run(cmd, log, **kw):
 
 def failed_tests(log):
     text = pathlib.Path(log).read_text(errors="replace")
-    names = re.findall(r"\d+/\d+ Test\s+#\d+: (\S+) \.*\**(?:Failed|Timeout|Exception)", text)
-    return names
+    return re.findall(r"^\s+\d+ - (\S+)", text, re.M)
 
 
 def check(fault, build, logdir):

@@ -140,13 +140,14 @@ TEST_F(NetbarFeeds, OnlineThenOfflineShareStartTimeAndSession) {
 }
 
 TEST_F(NetbarFeeds, AuthTypesAndAccounts) {
-  for (const char *mac : {"m1", "m2", "m3", "m4", "m5"})
+  for (const char *mac : {"m1", "m2", "m3", "m4", "m5", "m6"})
     wifi(mac);
   send_shell(datagram(3, "m1 1.1.1.1 4 skip 13800000000"));
   send_shell(datagram(3, "m2 1.1.1.2 99"));
-  send_shell(datagram(3, "m3 1.1.1.3 2"));   // no such type
-  send_shell(datagram(3, "m4 1.1.1.4 13"));  // no such type
-  send_shell(datagram(3, "m5 1.1.1.5 0"));   // no such type
+  send_shell(datagram(3, "m3 1.1.1.3 2"));               // no such type
+  send_shell(datagram(3, "m4 1.1.1.4 13"));              // no such type
+  send_shell(datagram(3, "m5 1.1.1.5 0"));               // no such type
+  send_shell(datagram(3, "m6 1.1.1.6 4 skip 138\t00"));  // a tab would add a column
   auto l = lines(NETBAR_SOURCE_0001);
   ASSERT_EQ(l.size(), 2u);
   EXPECT_EQ(fields(l[0])[0], "1020004");
