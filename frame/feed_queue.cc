@@ -41,7 +41,7 @@ constexpr unsigned PULL_ALL = ~0u;
 constexpr int TAKE_ALL_ROUNDS = 16;
 
 struct feed_source {
-  feed_source_spec spec;
+  feed_source_desc desc;
   feed_chunk *first;
   feed_chunk *last;
   size_t bytes;  // of queued entries, headers included
@@ -84,7 +84,7 @@ void free_chunks(feed_source &s) {
 }
 
 bool has_room(const feed_source &s) {
-  return s.bytes + entry_size(s.spec.max_len) <= FEED_SHARE_BYTES;
+  return s.bytes + entry_size(s.desc.max_len) <= FEED_SHARE_BYTES;
 }
 
 // Where the next entry of up to len bytes goes, mapping a chunk if needed;
@@ -124,7 +124,7 @@ enum class received { message, nothing, failure };
 
 received receive_one(feed_source &s, uint8_t *buf, ssize_t *n, int *err) {
   do {
-    *n = s.spec.receive(s.spec.fd, buf, s.spec.max_len);
+    *n = s.desc.receive(s.desc.fd, buf, s.desc.max_len);
     *err = errno;
   } while (*n < 0 && *err == EINTR);
   // Reading had stopped at a full share: input has waited in the kernel.
@@ -135,7 +135,7 @@ received receive_one(feed_source &s, uint8_t *buf, ssize_t *n, int *err) {
   }
   if (*n < 0 && (*err == EAGAIN || *err == EWOULDBLOCK))
     return received::nothing;
-  if (*n < 0 || (*n == 0 && s.spec.empty_is_failure)) {
+  if (*n < 0 || (*n == 0 && s.desc.empty_is_failure)) {
     if (*err == ENOBUFS)
       s.counters.overruns++;
     return received::failure;
@@ -145,14 +145,14 @@ received receive_one(feed_source &s, uint8_t *buf, ssize_t *n, int *err) {
 }
 
 void report_failure(feed_source &s, int ret, int err) {
-  if (s.spec.fail)
-    s.spec.fail(ret, s.spec.fd, err);
+  if (s.desc.fail)
+    s.desc.fail(ret, s.desc.fd, err);
 }
 
 // Reads up to limit messages into the feed's free room.
 void pull(feed_source &s, unsigned limit) {
   for (unsigned k = 0; k < limit;) {
-    uint8_t *slot = has_room(s) ? reserve(s, s.spec.max_len) : nullptr;
+    uint8_t *slot = has_room(s) ? reserve(s, s.desc.max_len) : nullptr;
     if (!slot) {
       s.stopped_full = true;
       break;
@@ -184,7 +184,7 @@ void handle_first(feed_source &s) {
   const size_t len = e[2] | (static_cast<size_t>(e[3]) << 8);
   if (e[0] == ENTRY_MESSAGE) {
     s.counters.handled++;
-    if (!s.spec.process(e + HEADER_SIZE, len))
+    if (!s.desc.process(e + HEADER_SIZE, len))
       s.counters.refused++;
   } else {
     int32_t failure[2];
@@ -206,20 +206,20 @@ void handle_first(feed_source &s) {
 
 }  // namespace
 
-int feed_queue_add_source(const feed_source_spec &spec) {
-  if (source_count >= FEED_MAX_SOURCES || spec.max_len > FEED_MESSAGE_MAX || !spec.receive ||
-      !spec.process)
+int feed_queue_add_source(const feed_source_desc &desc) {
+  if (source_count >= FEED_MAX_SOURCES || desc.max_len > FEED_MESSAGE_MAX || !desc.receive ||
+      !desc.process)
     return -1;
   sources[source_count] = feed_source{};
-  sources[source_count].spec = spec;
+  sources[source_count].desc = desc;
   return source_count++;
 }
 
 int feed_queue_source_count() { return source_count; }
 
-int feed_queue_source_fd(int index) { return sources[index].spec.fd; }
+int feed_queue_source_fd(int index) { return sources[index].desc.fd; }
 
-const char *feed_queue_source_name(int index) { return sources[index].spec.name; }
+const char *feed_queue_source_name(int index) { return sources[index].desc.name; }
 
 const feed_counters &feed_queue_counters(int index) { return sources[index].counters; }
 
@@ -241,7 +241,7 @@ void feed_queue_serve(int index) {
       return;
     }
     s.counters.handled++;
-    if (!s.spec.process(buf, static_cast<size_t>(n)))
+    if (!s.desc.process(buf, static_cast<size_t>(n)))
       s.counters.refused++;
     // Input queued by a command run meanwhile is older: it goes first.
     if (!feed_queue_empty())
@@ -255,9 +255,9 @@ void feed_queue_pull(int index) { pull(sources[index], PULL_ALL); }
 
 void feed_queue_close_sources() {
   for (int i = 0; i < source_count; i++) {
-    if (sources[i].spec.fd >= 0)
-      close(sources[i].spec.fd);
-    sources[i].spec.fd = -1;
+    if (sources[i].desc.fd >= 0)
+      close(sources[i].desc.fd);
+    sources[i].desc.fd = -1;
   }
 }
 
@@ -319,7 +319,7 @@ void feed_queue_report() {
     s.reported_deferred = s.counters.deferred;
     s.reported_overruns = s.counters.overruns;
     const int w = snprintf(text + n, sizeof(text) - n, "%s%s %llu deferred, %llu overruns",
-                           i ? "; " : "", s.spec.name, deferred, overruns);
+                           i ? "; " : "", s.desc.name, deferred, overruns);
     if (w > 0)
       n += static_cast<size_t>(w);
   }

@@ -28,7 +28,7 @@ using feed_process_fn = bool (*)(const uint8_t *data, size_t len);
 // Reports a failed receive: its result, the descriptor and errno.
 using feed_error_fn = void (*)(int ret, int fd, int err);
 
-struct feed_source_spec {
+struct feed_source_desc {
   const char *name;  // for reports, e.g. "online_offline"
   int fd;
   size_t max_len;  // bytes asked of each receive, at most FEED_MESSAGE_MAX
@@ -51,7 +51,7 @@ struct feed_counters {
 
 // Registers a feed. Its index, or -1 when the table is full or max_len too
 // large.
-int feed_queue_add_source(const feed_source_spec &spec);
+int feed_queue_add_source(const feed_source_desc &desc);
 int feed_queue_source_count();
 int feed_queue_source_fd(int index);
 const char *feed_queue_source_name(int index);

@@ -196,9 +196,9 @@ int open_netlink_socket() {
     close(fd);
     return -1;
   }
-  netlink_feed = feed_queue_add_source(feed_source_spec{
-      "http", fd, NETLINK_MSG_MAX, true, netlink_receive, netbar_netlink_process,
-      netlink_recv_failed});
+  netlink_feed =
+      feed_queue_add_source(feed_source_desc{"http", fd, NETLINK_MSG_MAX, true, netlink_receive,
+                                             netbar_netlink_process, netlink_recv_failed});
   return fd;
 }
 

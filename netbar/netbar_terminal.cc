@@ -320,7 +320,7 @@ void netbar_init_sock() {
     close(fd);
   } else {
     log_msg(DEBUG, "init shell fd success!\n");
-    shell_feed = feed_queue_add_source(feed_source_spec{"online_offline", fd, NETBAR_SHELL_MSG_MAX,
+    shell_feed = feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX,
                                                         false, shell_receive, netbar_shell_process,
                                                         shell_recv_failed});
   }

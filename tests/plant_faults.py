@@ -114,7 +114,7 @@ FAULTS = [
      "  return killed ? -1 : status;", "  return status;",
      "a killed command counts as its shell's status"),
     ("L7", "loop", "frame/feed_queue.cc",
-     "  return s.bytes + entry_size(s.spec.max_len) <= FEED_SHARE_BYTES;", "  return true;",
+     "  return s.bytes + entry_size(s.desc.max_len) <= FEED_SHARE_BYTES;", "  return true;",
      "a feed's share has no bound"),
     ("L8", "loop", "frame/feed_queue.cc",
      "      handle_first(sources[i]);\n      if (++since_pull",

@@ -54,7 +54,7 @@ struct feed_pair {
 template <int Feed>
 int add_feed(const char *name, int fd, size_t max_len) {
   return feed_queue_add_source(
-      feed_source_spec{name, fd, max_len, false, plain_receive, record<Feed>, nullptr});
+      feed_source_desc{name, fd, max_len, false, plain_receive, record<Feed>, nullptr});
 }
 
 // Message i: its number, padded to size bytes.
@@ -226,7 +226,7 @@ void record_failure(int ret, int, int err) {
 // Overruns are counted, and reported at most once per tick.
 TEST_F(FeedQueue, FailuresKeepTheirPlaceAndOverrunsAreReported) {
   feed_pair idle;
-  ASSERT_EQ(feed_queue_add_source(feed_source_spec{"http", idle.ours, 100, true, scripted_receive,
+  ASSERT_EQ(feed_queue_add_source(feed_source_desc{"http", idle.ours, 100, true, scripted_receive,
                                                    record<0>, record_failure}),
             0);
   script = {{5, 0, "first"}, {-1, ENOBUFS, ""}};
@@ -275,7 +275,7 @@ TEST_F(FeedQueue, QueuedInputGoesBeforeNewerInputOfTheSocket) {
   feed_pair p;
   late_sender = p.theirs;
   pulling_feed = feed_queue_add_source(
-      feed_source_spec{"shell", p.ours, 16, false, plain_receive, pull_then_send, nullptr});
+      feed_source_desc{"shell", p.ours, 16, false, plain_receive, pull_then_send, nullptr});
   for (const char *m : {"0", "1", "2"})
     ASSERT_EQ(send(p.theirs, m, 1, 0), 1);
   serve_until(4, {pulling_feed});
