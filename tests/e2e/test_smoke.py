@@ -86,13 +86,21 @@ class SmokeTest(SandboxCase):
             kernel.send_http(TERMINAL, "192.168.1.10", "10.0.0.1", 51000, 80)
             shell.offline(TERMINAL)
         os.unlink(os.path.join(state, "hold"))
+
+        def sent_names():
+            names = {}
+            for func, name in SENT.findall(d.stdout_text()):
+                names.setdefault(func, []).append(name)
+            return names
+
+        # An upload reaches the server before the daemon logs its name.
         wait_running(d, lambda: all(len(uploads(self.sb.ftp, remote)) >= count
-                                    for remote, count in CYCLES.items()), "two cycles")
+                                    for remote, count in CYCLES.items())
+                     and sum(map(len, sent_names().values())) >= sum(CYCLES.values()),
+                     "two cycles")
         d.stop()
 
-        names = {}
-        for func, name in SENT.findall(d.stdout_text()):
-            names.setdefault(func, []).append(name)
+        names = sent_names()
         lines = []
         for remote, func in (("tmp/145", "netbar_report_timer"),
                              ("tmp/146", "source_report_timer"),
