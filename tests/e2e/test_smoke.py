@@ -22,6 +22,9 @@ SENT = re.compile(r"(\w+)<\d+>: DEBUG:(?:form zip file :|send bjson file :/tmp/1
 # Uploads of two cycles: the status report runs at every tick, the groups'
 # first archives have files from the second tick on.
 CYCLES = {"tmp/145": 2, "tmp/146": 2, "tmp/144": 3}
+# Where each group's uploads go, and the function that logs their names.
+SENDERS = (("tmp/145", "netbar_report_timer"), ("tmp/146", "source_report_timer"),
+           ("tmp/144", "bjson_report_timer"))
 # A `wum` that holds its first run, the first tick's scan, while the hold
 # file exists.  It needs no clock: under qemu-user the daemon's commands
 # run on the real one.
@@ -94,17 +97,14 @@ class SmokeTest(SandboxCase):
             return names
 
         # An upload reaches the server before the daemon logs its name.
-        wait_running(d, lambda: all(len(uploads(self.sb.ftp, remote)) >= count
-                                    for remote, count in CYCLES.items())
-                     and sum(map(len, sent_names().values())) >= sum(CYCLES.values()),
-                     "two cycles")
+        wait_running(d, lambda: all(len(uploads(self.sb.ftp, remote)) >= CYCLES[remote] and
+                                    len(sent_names().get(func, [])) >= CYCLES[remote]
+                                    for remote, func in SENDERS), "two cycles")
         d.stop()
 
         names = sent_names()
         lines = []
-        for remote, func in (("tmp/145", "netbar_report_timer"),
-                             ("tmp/146", "source_report_timer"),
-                             ("tmp/144", "bjson_report_timer")):
+        for remote, func in SENDERS:
             for name, up in zip(names.get(func, []), uploads(self.sb.ftp, remote)[:CYCLES[remote]]):
                 bcp_check(self, up.path, name)
                 lines += describe(name, up.path)
