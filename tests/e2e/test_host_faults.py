@@ -33,6 +33,8 @@ S2 = "WA_SOURCE_FJ_0002"
 RECORD_2 = "QZ2FH_NETBAR_TYPE-WA_SOURCE_FJ_0002:"
 NOT_WRITTEN = re.compile(r"^WA_SOURCE_FJ_0002: (\d+) records not written since the last "
                          r"report: (.*)\n$")
+ERROR_STAMP = re.compile(r"^(\d+-\d+-\d+ \d+:\d+:\d+) \w+<\d+>: ERROR:WA_SOURCE_FJ_0002: ",
+                         re.M)
 MOVED = "%s is not the daemon's own directory: moved aside to (%s\\.untrusted\\.\\d+)\n"
 GONE = "%s had gone: made again\n"
 EARLY = re.compile(r"^group 145 holds (\d+) bytes in one cycle, archiving early\n$")
@@ -203,6 +205,9 @@ class FullSpoolTest(HostCase):
             m = NOT_WRITTEN.match(msg)
             self.assertTrue(m, msg)
             self.assertEqual(m.group(2), "No space left on device")
+        # One line a tick at most: never two in one second of the daemon's clock.
+        stamps = ERROR_STAMP.findall(d.stderr_text())
+        self.assertEqual(len(stamps), len(set(stamps)), stamps)
 
         # The figure for bench/README.md.
         files = []
@@ -508,8 +513,8 @@ class SpoolBoundTest(HostCase):
         fs = os.statvfs(SPOOL)
         bound = min(fs.f_blocks * fs.f_frsize // 4, 16 * MIB)
         self.assertEqual(bound, MIB)
-        # 50 s cycles.
-        d = self.start(accel=6)
+        # 25 s cycles: the flood takes a few seconds.
+        d = self.start(accel=12)
         total = 30000
         start = time.monotonic()
         self.send(range(total))
