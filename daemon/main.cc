@@ -36,15 +36,23 @@ time_t started;
 // counters file.
 report_result tick_report_timer(void *) {
   feed_queue_report();
+  bcp_tick();
+  bjson_tick();
   stats_write(started);
   return report_result::done;
 }
 
 // After every handler and before each wait: events read while a command
-// ran are handled; in durable mode every record line written is then in
-// its file.
+// ran are handled, and a group whose bounds were reached is archived
+// between two records, never inside one; in durable mode every record
+// line written is then in its file.
 void after_handler() {
-  feed_queue_drain();
+  for (;;) {
+    feed_queue_drain(bcp_archive_pending);
+    if (!bcp_archive_pending())
+      break;
+    bcp_run_due_archives();
+  }
   if (unsent_enabled())
     bcp_flush_written();
 }

@@ -276,13 +276,15 @@ void feed_queue_take_all() {
   }
 }
 
-void feed_queue_drain() {
+void feed_queue_drain(bool (*pause)()) {
   if (draining)
     return;
   draining = true;
   unsigned since_pull = 0;
   for (bool any = true; any;) {
     any = false;
+    if (pause && pause())
+      break;
     // One message from each feed in turn: a flood on one feed does not
     // hold up the other.
     for (int i = 0; i < source_count; i++) {

@@ -68,8 +68,9 @@ bool feed_queue_has_room(int index);
 void feed_queue_pull(int index);
 // Handles the queued messages, one from each feed in turn. Meanwhile new
 // input is read only into free room and more slowly than it is handled, so
-// the backlog ends. Safe against re-entry.
-void feed_queue_drain();
+// the backlog ends. Safe against re-entry. Stops early, leaving the rest
+// queued, once pause (if given) returns true.
+void feed_queue_drain(bool (*pause)() = nullptr);
 bool feed_queue_empty();
 // Reads and handles whatever waits in the feeds' sockets now, for a daemon
 // about to stop: what the kernel holds is taken too, within a few shares.

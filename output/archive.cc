@@ -1,13 +1,18 @@
 #include "output/archive.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
 #include "config/config.h"
 #include "frame/log.h"
+#include "frame/unique_fd.h"
 #include "output/spool.h"
+#include "output/trusted_dir.h"
 #include "output/unsent.h"
 
 constexpr char BCP_INDEX_HEADER[] =
@@ -23,41 +28,39 @@ static_assert(sizeof(BCP_INDEX_FOOTER) - 1 == 50, "index footer is 50 bytes");
 
 namespace {
 
+constexpr char INDEX_NAME[] = "GAB_ZIP_INDEX.xml";
+
+// The index, written whole or not at all: false (the file removed and the
+// error in errno) when any write failed.
 bool write_index(bcp_group *g) {
   char index_path[SPOOL_PATH_SIZE];
-  snprintf(index_path, sizeof(index_path), "%s/%s", g->spool.path, "GAB_ZIP_INDEX.xml");
-  FILE *fp = fopen(index_path, "a+e");
+  snprintf(index_path, sizeof(index_path), "%s/%s", g->spool.path, INDEX_NAME);
+  // One left by a cycle whose zip failed would be appended to.
+  unlink(index_path);
+  unique_fd fd(open(index_path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  FILE *fp = fd ? fdopen(fd.get(), "w") : nullptr;
   if (!fp)
     return false;
-  fputs(BCP_INDEX_HEADER, fp);
+  fd.release();
+  bool ok = fputs(BCP_INDEX_HEADER, fp) != EOF;
   const char *org_code = qz2fh_get_org_code();
   const char *source = qz2fh_get_source_str();
-  for (int i = 0; i < g->bcp_file_count; i++) {
+  for (int i = 0; ok && i < g->bcp_file_count; i++) {
     const bcp_file_entry &e = g->bcp_file_list[i];
     // The template is built at start-up with exactly these six conversions.
-    fprintf(fp, e.index_template, e.name, static_cast<int>(g->id), org_code, source, e.file_name,
-            static_cast<int>(e.record_count));
+    ok = fprintf(fp, e.index_template, e.name, static_cast<int>(g->id), org_code, source,
+                 e.file_name, static_cast<int>(e.record_count)) >= 0;
   }
-  fputs(BCP_INDEX_FOOTER, fp);
-  fclose(fp);
-  return true;
-}
-
-// Indexes the listed files and forms the zip of the group's spool
-// directory under the next name. False when the index could not be
-// written: nothing was zipped.
-bool form_zip(bcp_group *g) {
-  if (!write_index(g))
-    return false;
-  bcp_group_state &st = g->state;
-  const int sequence = st.zip_sequence++;
-  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
-  snprintf(st.zip_name, sizeof(st.zip_name), "%d-%s-%s-%s-%llu-%05d.zip", static_cast<int>(g->id),
-           qz2fh_get_org_code(), qz2fh_get_source_str(), qz2fh_get_dst_str(), now, sequence);
-  g->uploads.zips++;
-  snprintf(g->uploads.last_zip, sizeof(g->uploads.last_zip), "%s", st.zip_name);
-  qz2fh_form_zip_file(g);
-  return true;
+  ok = ok && fputs(BCP_INDEX_FOOTER, fp) != EOF;
+  const int error = ok ? 0 : errno;
+  if (fclose(fp) != 0 && ok)
+    ok = false;
+  if (!ok) {
+    const int saved = error ? error : errno;
+    unlink(index_path);
+    errno = saved;
+  }
+  return ok;
 }
 
 // The zip's path, /tmp/<id>/<name>.
@@ -68,20 +71,137 @@ struct zip_path {
   char text[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
 };
 
+bool listed(const bcp_group *g, const char *name) {
+  for (int i = 0; i < g->bcp_file_count; i++)
+    if (strcmp(g->bcp_file_list[i].file_name, name) == 0)
+      return true;
+  return false;
+}
+
+// Before the zip: the spool directory is the daemon's own and holds only
+// the listed files, each a regular file of the daemon's, so that the zip
+// takes nothing else. A listed file that has gone is counted as lost.
+// False when the directory cannot be used.
+bool prepare_spool(bcp_group *g) {
+  if (!spool_dir_check(g->spool, &g->uploads, true))
+    return false;
+  int kept = 0;
+  for (int i = 0; i < g->bcp_file_count; i++) {
+    const bcp_file_entry &e = g->bcp_file_list[i];
+    char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
+    snprintf(path, sizeof(path), "%s/%s", g->spool.path, e.file_name);
+    struct stat st;
+    if (lstat(path, &st) == 0 && trusted_dir_own_file(st)) {
+      if (kept != i)
+        g->bcp_file_list[kept] = e;
+      kept++;
+    } else {
+      bcp_file_lost(g, e, ENOENT);
+    }
+  }
+  g->bcp_file_count = static_cast<uint16_t>(kept);
+  const dir_listing names(g->spool.path);
+  for (int i = 0; i < names.size(); i++) {
+    const char *name = names.name(i);
+    if (listed(g, name))
+      continue;
+    char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
+    snprintf(path, sizeof(path), "%s/%s", g->spool.path, name);
+    if (strcmp(name, INDEX_NAME) != 0)
+      log_msg_as(g->cycle_name, WARN, "%s in %s is not a file of this cycle: deleted\n", name,
+                 g->spool.path);
+    if (unlink(path) != 0 && errno == EISDIR)
+      rmdir(path);
+  }
+  return true;
+}
+
+enum class zip_result { formed, kept_back, failed };
+
+// Indexes the listed files and forms the zip of the group's spool
+// directory under the next name. When the index or the zip fails, durable
+// mode keeps the files listed for the next cycle (kept_back); otherwise
+// their records are counted as lost (failed) and the directory is emptied
+// as usual.
+zip_result form_zip(bcp_group *g) {
+  if (!prepare_spool(g)) {
+    for (int i = 0; i < g->bcp_file_count; i++)
+      bcp_file_lost(g, g->bcp_file_list[i], EACCES);
+    return zip_result::failed;
+  }
+  if (g->bcp_file_count == 0)
+    return zip_result::failed;
+  bcp_spool_bound_update(g);
+  bcp_group_state &st = g->state;
+  if (!write_index(g)) {
+    const int error = errno;
+    g->uploads.write_errors++;
+    log_msg_as(g->cycle_name, ERROR, "index of group %d not written: %s\n", static_cast<int>(g->id),
+               strerror(error));
+    if (unsent_enabled())
+      return zip_result::kept_back;
+    for (int i = 0; i < g->bcp_file_count; i++)
+      bcp_file_lost(g, g->bcp_file_list[i], error);
+    return zip_result::failed;
+  }
+  const int sequence = st.zip_sequence++;
+  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
+  snprintf(st.zip_name, sizeof(st.zip_name), "%d-%s-%s-%s-%llu-%05d.zip", static_cast<int>(g->id),
+           qz2fh_get_org_code(), qz2fh_get_source_str(), qz2fh_get_dst_str(), now, sequence);
+  const int status = upload_status(qz2fh_form_zip_file(g));
+  const zip_path zip(g);
+  struct stat zst;
+  if (status == 0 && lstat(zip.text, &zst) == 0 && trusted_dir_own_file(zst)) {
+    g->uploads.zips++;
+    snprintf(g->uploads.last_zip, sizeof(g->uploads.last_zip), "%s", st.zip_name);
+    return zip_result::formed;
+  }
+  unlink(zip.text);
+  char index_path[SPOOL_PATH_SIZE];
+  snprintf(index_path, sizeof(index_path), "%s/%s", g->spool.path, INDEX_NAME);
+  unlink(index_path);
+  if (unsent_enabled()) {
+    log_msg_as(g->cycle_name, WARN,
+               "zip of %s failed (status %d): its files are kept for the next cycle\n",
+               st.zip_name, status);
+    return zip_result::kept_back;
+  }
+  log_msg_as(g->cycle_name, WARN, "zip of %s failed (status %d)\n", st.zip_name, status);
+  for (int i = 0; i < g->bcp_file_count; i++)
+    bcp_file_lost(g, g->bcp_file_list[i], EIO);
+  return zip_result::failed;
+}
+
+// The cycle's files are gone from the spool directory: emptied.
+void spool_emptied(bcp_group *g) {
+  qz2fh_delete_dir_file(g->spool);
+  g->bcp_file_count = 0;
+  g->spool_bytes = 0;
+}
+
 }  // namespace
 
 void group_archive_cycle(bcp_group *g) {
   bcp_close_open_files(g);
   bool sent = true;  // a cycle with nothing of its own has no failed upload
   if (g->bcp_file_count != 0) {
-    if (form_zip(g)) {
-      const int status = qz2fh_send_zip_file(g);
-      log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
-      sent = upload_done(&g->uploads, g->id, zip_path(g).text, status);
+    switch (form_zip(g)) {
+      case zip_result::formed: {
+        const int status = qz2fh_send_zip_file(g);
+        log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
+        sent = upload_done(&g->uploads, g->id, zip_path(g).text, status);
+        spool_emptied(g);
+        break;
+      }
+      case zip_result::kept_back:
+        sent = false;
+        break;
+      case zip_result::failed:
+        spool_emptied(g);
+        break;
     }
-    qz2fh_delete_dir_file(g->spool);
   }
-  g->bcp_file_count = 0;
+  g->archive_stuck = false;
   // Kept files follow once the server has taken this cycle's.
   if (sent)
     unsent_resend(&g->uploads, g->id, g->spool);
@@ -90,13 +210,15 @@ void group_archive_cycle(bcp_group *g) {
 void group_archive_keep(bcp_group *g) {
   bcp_close_open_files(g);
   if (g->bcp_file_count != 0) {
-    if (form_zip(g)) {
+    // Files whose zip failed stay for the next start's recovery.
+    if (form_zip(g) == zip_result::formed) {
       log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
       unsent_keep(g->id, zip_path(g).text);
+      spool_emptied(g);
+    } else if (!unsent_enabled()) {
+      spool_emptied(g);
     }
-    qz2fh_delete_dir_file(g->spool);
   }
-  g->bcp_file_count = 0;
 }
 
 namespace {
@@ -119,34 +241,18 @@ const bcp_dataset *dataset_of_file(const bcp_group *g, const char *name) {
   return nullptr;
 }
 
-// Whole record lines in the file, after cutting off a line the stop left
-// unfinished.
-long whole_lines(const char *path) {
-  FILE *fp = fopen(path, "r+e");
-  if (!fp)
-    return -1;
-  long lines = 0, end = 0, pos = 0;
-  for (int c; (c = getc(fp)) != EOF;) {
-    pos++;
-    if (c == '\n') {
-      lines++;
-      end = pos;
-    }
-  }
-  const bool cut = pos != end;
-  fclose(fp);
-  if (cut && truncate(path, end) != 0)
-    return -1;
-  return lines;
-}
-
 // Lists one file left in the spool directory, or deletes it when it holds
 // nothing to send: an index half written, no whole record, no dataset's.
 void list_leftover(bcp_group *g, const char *name) {
   char path[BCP_NAME_SIZE + SPOOL_PATH_SIZE];
   snprintf(path, sizeof(path), "%s/%s", g->spool.path, name);
   const bcp_dataset *ds = dataset_of_file(g, name);
-  const long lines = ds && g->bcp_file_count < BCP_FILE_LIST_SIZE - 1 ? whole_lines(path) : -1;
+  struct stat st;
+  uint64_t bytes = 0;
+  const long lines = ds && g->bcp_file_count < BCP_FILE_LIST_SIZE - 1 && lstat(path, &st) == 0 &&
+                             trusted_dir_own_file(st)
+                         ? bcp_cut_to_whole_lines(path, &bytes)
+                         : -1;
   if (lines <= 0 || lines > BCP_MAX_RECORDS || strlen(name) >= BCP_NAME_SIZE) {
     const size_t len = strlen(name);
     if (len > 4 && strcmp(name + len - 4, ".bcp") == 0 && lines != 0)
@@ -156,6 +262,7 @@ void list_leftover(bcp_group *g, const char *name) {
     unlink(path);
     return;
   }
+  g->spool_bytes += bytes;
   bcp_file_entry &e = g->bcp_file_list[g->bcp_file_count++];
   snprintf(e.file_name, sizeof(e.file_name), "%s", name);
   e.record_count = static_cast<uint16_t>(lines);
@@ -168,6 +275,9 @@ void list_leftover(bcp_group *g, const char *name) {
 void archive_recover_leftovers(bcp_group *g) {
   if (!unsent_enabled())
     return;
+  unsent_prepare(g->id);
+  // A directory someone else made holds nothing of ours: moved aside.
+  spool_dir_check(g->spool, &g->uploads, false);
   unsent_keep_leftovers(g->id, g->spool, ".zip");
   g->bcp_file_count = 0;
   const dir_listing names(g->spool.path);
@@ -181,6 +291,8 @@ void archive_recover_leftovers(bcp_group *g) {
     qz2fh_delete_dir_file(g->spool);
   }
   qz2fh_create_dir(g->spool);
+  spool_dir_check(g->spool, &g->uploads, false);
+  bcp_spool_bound_update(g);
 }
 
 void archive_keep_all() {

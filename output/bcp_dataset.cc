@@ -1,11 +1,19 @@
 #include "output/bcp_dataset.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
 #include "config/config.h"
 #include "frame/log.h"
+#include "frame/unique_fd.h"
 #include "output/archive.h"
+#include "output/trusted_dir.h"
 #include "output/unsent.h"
 
 namespace {
@@ -28,6 +36,7 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
   group->spool = spool_dir_of(id);
   group->log_tag = log_tag;
   group->cycle_name = cycle_name;
+  group->spool_bound = BCP_SPOOL_MAX_BYTES;
   for (bcp_dataset &ds : group->datasets)
     ds.group = group;
   report_timer_init(&group->timer, archive_timer, REPORT_COUNTDOWN_SECONDS,
@@ -37,8 +46,13 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
   // durable mode first archives and keeps them (archive_recover_leftovers,
   // once the group's datasets are set up).
   if (!unsent_enabled()) {
+    // A directory someone else made first is moved aside before anything
+    // in it is touched.
+    spool_dir_check(group->spool, &group->uploads, false);
     qz2fh_delete_dir_file(group->spool);
     qz2fh_create_dir(group->spool);
+    spool_dir_check(group->spool, &group->uploads, false);
+    bcp_spool_bound_update(group);
   }
 }
 
@@ -51,6 +65,10 @@ void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_templ
 namespace {
 
 constexpr size_t BCP_STREAM_BUFFER = 32 * 1024;
+// Room the file list keeps for the files still open: a new file is opened
+// only while every open file can still be listed.
+constexpr int BCP_LIST_ROOM = BCP_FILE_LIST_SIZE - 1;
+constexpr int BCP_LIST_EARLY = BCP_LIST_ROOM - BCP_GROUP_DATASETS;
 
 void qz2fh_get_bcp_filename(const bcp_dataset *ds, char *path, size_t size) {
   const unsigned sequence = ds->bcp_sequence;
@@ -62,7 +80,11 @@ void qz2fh_get_bcp_filename(const bcp_dataset *ds, char *path, size_t size) {
 }
 
 int qz2fh_open_bcp_file(bcp_dataset *ds, const char *path) {
-  FILE *fp = fopen(path, "a+e");
+  // Every new file goes into a directory just checked: one made again if
+  // it had gone, never one that someone else has swapped in.
+  FILE *fp = spool_dir_check(ds->group->spool, &ds->group->uploads, true)
+                 ? trusted_dir_open_append(path)
+                 : nullptr;
   if (!fp) {
     log_msg(DEBUG, "open file %s fail", path);
     return 1;
@@ -74,8 +96,103 @@ int qz2fh_open_bcp_file(bcp_dataset *ds, const char *path) {
   const char *slash = strrchr(path, '/');
   snprintf(ds->file_name, sizeof(ds->file_name), "%s", slash ? slash + 1 : path);
   ds->record_count = 0;
+  ds->file_bytes = 0;
   ds->bcp_sequence++;
   return 0;
+}
+
+// Counts records that will not reach the platform.
+void count_lost(bcp_dataset *ds, uint64_t written, uint64_t refused, int error) {
+  ds->records -= written;
+  ds->refused += written + refused;
+  ds->unreported += written + refused;
+  ds->last_error = error;
+}
+
+}  // namespace
+
+long bcp_cut_to_whole_lines(const char *path, uint64_t *bytes) {
+  unique_fd fd(open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!fd || fstat(fd.get(), &st) != 0 || !trusted_dir_own_file(st)) {
+    unlink(path);
+    return -1;
+  }
+  long lines = 0;
+  off_t pos = 0, end = 0;
+  char buf[8192];
+  for (;;) {
+    const ssize_t n = read(fd.get(), buf, sizeof(buf));
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      break;
+    for (ssize_t i = 0; i < n; i++) {
+      if (buf[i] == '\n') {
+        lines++;
+        end = pos + i + 1;
+      }
+    }
+    pos += n;
+  }
+  if (pos != end && ftruncate(fd.get(), end) != 0) {
+    fd.reset();
+    unlink(path);
+    return -1;
+  }
+  *bytes = static_cast<uint64_t>(end);
+  return lines;
+}
+
+namespace {
+
+// Ends the dataset's file and lists it with the lines it holds. error is
+// the errno of a write that already failed, or 0; pending counts records
+// handed to the writer but not yet counted (the one whose write failed).
+void finish_file(bcp_dataset *ds, int error, int pending) {
+  bcp_group *g = ds->group;
+  if (fclose(ds->fp) != 0 && error == 0)
+    error = errno ? errno : EIO;
+  ds->fp = nullptr;
+  char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
+  snprintf(path, sizeof(path), "%s/%s", g->spool.path, ds->file_name);
+  if (error != 0) {
+    // The stream's buffer may have gone out in part: what counts is what
+    // the file holds.
+    g->uploads.write_errors++;
+    uint64_t kept_bytes = 0;
+    const long kept = bcp_cut_to_whole_lines(path, &kept_bytes);
+    const uint64_t lines = kept > 0 ? static_cast<uint64_t>(kept) : 0;
+    const uint64_t written = ds->record_count > lines ? ds->record_count - lines : 0;
+    count_lost(ds, written, static_cast<uint64_t>(pending), error);
+    g->spool_bytes -= ds->file_bytes > kept_bytes ? ds->file_bytes - kept_bytes : 0;
+    ds->record_count = static_cast<uint16_t>(lines);
+    if (lines == 0)
+      unlink(path);
+  }
+  if (ds->record_count > 0)
+    bcp_file_list_add(ds);
+  ds->record_count = 0;
+  ds->file_bytes = 0;
+}
+
+int open_files(const bcp_group *g) {
+  int n = 0;
+  for (const bcp_dataset &ds : g->datasets)
+    n += ds.fp ? 1 : 0;
+  return n;
+}
+
+bool spool_full(const bcp_group *g) {
+  return g->bcp_file_count + open_files(g) >= BCP_LIST_ROOM ||
+         (g->archive_stuck && g->spool_bytes >= g->spool_bound);
+}
+
+void mark_archive_due(bcp_group *g) {
+  if (g->archive_stuck || g->archive_due)
+    return;
+  if (g->bcp_file_count >= BCP_LIST_EARLY || g->spool_bytes >= g->spool_bound)
+    g->archive_due = true;
 }
 
 }  // namespace
@@ -91,14 +208,15 @@ void bcp_file_list_add(bcp_dataset *ds) {
 }
 
 void bcp_close_open_files(bcp_group *g) {
-  for (bcp_dataset &ds : g->datasets) {
-    if (!ds.fp)
-      continue;
-    bcp_file_list_add(&ds);
-    fclose(ds.fp);
-    ds.fp = nullptr;
-    ds.record_count = 0;
-  }
+  for (bcp_dataset &ds : g->datasets)
+    if (ds.fp)
+      finish_file(&ds, 0, 0);
+}
+
+void bcp_file_lost(bcp_group *g, const bcp_file_entry &e, int error) {
+  for (bcp_dataset &ds : g->datasets)
+    if (ds.name == e.name)
+      count_lost(&ds, e.record_count, 0, error);
 }
 
 void bcp_flush_written() {
@@ -107,36 +225,97 @@ void bcp_flush_written() {
   unflushed = false;
   for (int i = 0; i < group_count; i++)
     for (bcp_dataset &ds : groups[i]->datasets)
-      if (ds.fp)
-        fflush(ds.fp);
+      if (ds.fp && fflush(ds.fp) != 0)
+        finish_file(&ds, errno ? errno : EIO, 0);
 }
 
 int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
+  bcp_group *g = ds->group;
   if (!ds->fp) {
     char path[BCP_NAME_SIZE];
+    if (spool_full(g)) {
+      count_lost(ds, 0, 1, ENOSPC);
+      return 1;
+    }
     qz2fh_get_bcp_filename(ds, path, sizeof(path));
+    errno = 0;
     if (qz2fh_open_bcp_file(ds, path) != 0) {
-      ds->refused++;
+      count_lost(ds, 0, 1, errno ? errno : EIO);
       return 1;
     }
   }
-  fwrite(line, 1, len, ds->fp);
+  errno = 0;
+  if (fwrite(line, 1, len, ds->fp) != len || ferror(ds->fp)) {
+    finish_file(ds, errno ? errno : EIO, 1);
+    return 1;
+  }
   ds->records++;
+  ds->file_bytes += len;
+  g->spool_bytes += len;
   unflushed = true;
-  if (++ds->record_count == BCP_MAX_RECORDS) {
-    bcp_file_list_add(ds);
-    fclose(ds->fp);
-    ds->fp = nullptr;
-    ds->record_count = 0;
-    // The count runs modulo the list size and the archive step adds one
-    // entry per open file: archive now, while the list can still take them
-    // all, so that no finished file is overwritten or left out of an index.
-    bcp_group *g = ds->group;
-    if (g->bcp_file_count >= BCP_FILE_LIST_SIZE - 1 - BCP_GROUP_DATASETS) {
+  if (++ds->record_count == BCP_MAX_RECORDS)
+    finish_file(ds, 0, 0);
+  mark_archive_due(g);
+  return 0;
+}
+
+bool bcp_archive_pending() {
+  for (int i = 0; i < group_count; i++)
+    if (groups[i]->archive_due)
+      return true;
+  return false;
+}
+
+void bcp_run_due_archives() {
+  for (int i = 0; i < group_count; i++) {
+    bcp_group *g = groups[i];
+    if (!g->archive_due)
+      continue;
+    g->archive_due = false;
+    g->uploads.early_archives++;
+    if (g->spool_bytes >= g->spool_bound)
+      log_msg(WARN, "group %d holds %llu bytes in one cycle, archiving early\n",
+              static_cast<int>(g->id), static_cast<unsigned long long>(g->spool_bytes));
+    else
       log_msg(WARN, "group %d finished %d files in one cycle, archiving early\n",
               static_cast<int>(g->id), static_cast<int>(g->bcp_file_count));
-      group_archive_cycle(g);
+    group_archive_cycle(g);
+    // What the archive could not take out stays until the cycle's own.
+    g->archive_stuck = g->spool_bytes >= g->spool_bound || g->bcp_file_count >= BCP_LIST_EARLY;
+  }
+}
+
+void bcp_spool_bound_update(bcp_group *g) {
+  struct statvfs vfs;
+  uint64_t bound = BCP_SPOOL_MAX_BYTES;
+  if (statvfs(g->spool.path, &vfs) == 0) {
+    const uint64_t quarter = static_cast<uint64_t>(vfs.f_blocks) * vfs.f_frsize / 4;
+    if (quarter < bound)
+      bound = quarter;
+  }
+  g->spool_bound = bound;
+}
+
+void bcp_tick() {
+  for (int i = 0; i < group_count; i++) {
+    bcp_group *g = groups[i];
+    spool_dir_check(g->spool, &g->uploads, true);
+    for (bcp_dataset &ds : g->datasets) {
+      struct stat st;
+      // Lines appended to a file whose name was removed would go nowhere.
+      if (ds.fp && fstat(fileno(ds.fp), &st) == 0 && st.st_nlink == 0) {
+        fclose(ds.fp);
+        ds.fp = nullptr;
+        count_lost(&ds, ds.record_count, 0, ENOENT);
+        g->spool_bytes -= ds.file_bytes < g->spool_bytes ? ds.file_bytes : g->spool_bytes;
+        ds.record_count = 0;
+        ds.file_bytes = 0;
+      }
+      if (ds.unreported != 0) {
+        log_msg(ERROR, "%s: %llu records not written since the last report: %s\n", ds.name,
+                static_cast<unsigned long long>(ds.unreported), strerror(ds.last_error));
+        ds.unreported = 0;
+      }
     }
   }
-  return 0;
 }

@@ -29,8 +29,11 @@ struct bcp_dataset {
   uint16_t bcp_sequence;  // sequence number of the next file, wrapping
   bcp_group *group;       // set by bcp_group_init
   bcp_line_plan *plan;    // its line's fixed parts, made on first use
-  uint64_t records;       // lines written since start
+  uint64_t records;       // lines written since start that are still to be sent or were
   uint64_t refused;       // records refused or lost since start
+  uint64_t unreported;    // records lost since the last ERROR line about them
+  int last_error;         // errno of the last loss
+  uint64_t file_bytes;    // bytes written to the current file
 };
 
 struct bcp_file_entry {
@@ -58,7 +61,15 @@ struct bcp_group {
   bcp_group_state state;
   report_timer timer;
   upload_counters uploads;
+  uint64_t spool_bytes;  // bytes of this cycle's files in the spool directory
+  uint64_t spool_bound;  // the most they may take before the group is archived early
+  bool archive_due;      // bounds reached: archive once the handler has returned
+  bool archive_stuck;    // an early archive left the bounds reached: wait for the cycle
 };
+
+// A spool directory takes at most this, and at most a quarter of its file
+// system, within one cycle.
+constexpr uint64_t BCP_SPOOL_MAX_BYTES = 16 * 1024 * 1024;
 
 // Groups in the order they were set up (for the counters and for flushing).
 constexpr int BCP_MAX_GROUPS = 4;
@@ -76,13 +87,32 @@ void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_templ
 
 // The writing frame: opens the dataset's next file if none is open,
 // appends the line, and finishes the file at BCP_MAX_RECORDS. 0, or 1 when
-// no file could be opened (the line is lost).
+// the line could not be written whole (it is then not in the file, and
+// counted as refused). Marks the group for an early archive when its file
+// list or its spool directory is nearly full.
 int bcp_write_line(bcp_dataset *ds, const char *line, size_t len);
-// Appends a finished file to its group's list; archives the group at once
-// when the list could not take the group's open files any more.
+// Appends a finished file to its group's list.
 void bcp_file_list_add(bcp_dataset *ds);
-// Closes the group's open files and lists them.
+// Closes the group's open files and lists them with the lines they hold.
 void bcp_close_open_files(bcp_group *group);
+// Counts the records of a listed file that will not reach the platform.
+void bcp_file_lost(bcp_group *group, const bcp_file_entry &entry, int error);
+
+// Cuts a record file back to its last whole line. The lines it then
+// holds and its size in bytes, or -1 when it cannot be read as a file of
+// the daemon's own (it is then deleted).
+long bcp_cut_to_whole_lines(const char *path, uint64_t *bytes);
+
+// True when a group waits for its early archive.
+bool bcp_archive_pending();
+// Runs the early archive of every group that waits for one.
+void bcp_run_due_archives();
+// Every tick: the groups' spool directories are checked (one that has gone
+// is made again), open files whose directory was removed are counted as
+// lost, and one ERROR line per dataset tells what was lost since the last.
+void bcp_tick();
+// The group's bound on its spool directory, from its file system's size.
+void bcp_spool_bound_update(bcp_group *group);
 
 // Durable mode: writes every record line written so far to its file, so
 // that a crash loses nothing the loop has finished handling. Cheap when

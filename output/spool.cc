@@ -9,6 +9,7 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "output/bcp_dataset.h"
+#include "output/trusted_dir.h"
 
 namespace {
 
@@ -72,6 +73,23 @@ spool_dir spool_dir_of(uint32_t id) {
   return dir;
 }
 
+bool spool_dir_check(const spool_dir &dir, upload_counters *counters, bool warn_missing) {
+  switch (trusted_dir_ensure(dir.path, warn_missing)) {
+    case trusted_dir_result::ok:
+      return true;
+    case trusted_dir_result::made:
+      if (warn_missing)
+        counters->dirs_replaced++;
+      return true;
+    case trusted_dir_result::replaced:
+      counters->dirs_replaced++;
+      return true;
+    case trusted_dir_result::failed:
+      break;
+  }
+  return false;
+}
+
 void qz2fh_create_dir(const spool_dir &dir) {
   char cmd[COMMAND_SIZE];
   snprintf(cmd, sizeof(cmd), "mkdir %s 2>/dev/null", dir.path);
@@ -86,17 +104,19 @@ int qz2fh_delete_dir_file(const spool_dir &dir) {
   return command_system(cmd);
 }
 
-void qz2fh_form_zip_file(const bcp_group *group) {
+int qz2fh_form_zip_file(const bcp_group *group) {
   const char *dir = group->spool.path;
   char zip_path[SPOOL_PATH_SIZE];
   snprintf(zip_path, sizeof(zip_path), "%s/%s", dir, group->state.zip_name);
   char cmd[COMMAND_SIZE];
-  int n = snprintf(cmd, sizeof(cmd), "cd %s;zip -m %s ./* 2>/dev/null", dir,
+  // "&&": zip -m run anywhere but in the spool directory would move
+  // whatever lies there into the zip.
+  int n = snprintf(cmd, sizeof(cmd), "cd %s && zip -m %s ./* 2>/dev/null", dir,
                    shell_word(zip_path).c_str());
   if (!command_fits(n, __func__))
-    return;
+    return -1;
   log_msg(DEBUG, "%s\n", cmd);
-  command_system(cmd, COMMAND_ZIP);
+  return command_system(cmd, COMMAND_ZIP);
 }
 
 namespace {

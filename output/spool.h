@@ -16,6 +16,10 @@ constexpr size_t SPOOL_PATH_SIZE = 256;
 struct spool_dir {
   char path[SPOOL_PATH_SIZE];
 };
+// The status report's spool directory and its id among the groups'
+// counters; the report is not a dataset group.
+constexpr uint32_t QZ2FH_STATUS_DIR_ID = 144;
+
 // The spool directory of id: the one place its path is made.
 spool_dir spool_dir_of(uint32_t id);
 
@@ -26,7 +30,14 @@ struct upload_counters {
   uint64_t uploads_failed;
   char last_zip[SPOOL_PATH_SIZE];  // name of the last file formed
   int last_upload_status;          // see upload_status; 0 before any upload
+  uint64_t write_errors;           // writes that failed (records, index, status file)
+  uint64_t early_archives;         // cycles archived before their time
+  uint64_t dirs_replaced;          // spool directories made again or moved aside
 };
+
+// Makes the spool directory one of the daemon's own (see trusted_dir_ensure),
+// counting a directory made again or moved aside. True when it is usable.
+bool spool_dir_check(const spool_dir &dir, upload_counters *counters, bool warn_missing);
 
 // The exit status of an upload command from its wait status: 0 when it
 // succeeded, wput's own status when it failed, -1 when it could not run,
@@ -38,8 +49,8 @@ void qz2fh_create_dir(const spool_dir &dir);
 // "rm <dir>/* 2>/dev/null"; returns the command's wait status.
 int qz2fh_delete_dir_file(const spool_dir &dir);
 // Moves every file of the group's spool directory into its zip
-// (state.zip_name) there.
-void qz2fh_form_zip_file(const bcp_group *group);
+// (state.zip_name) there. Returns the command's wait status.
+int qz2fh_form_zip_file(const bcp_group *group);
 // Uploads the group's zip with wput to the configured FTP server; returns
 // the upload's status (upload_status).
 int qz2fh_send_zip_file(const bcp_group *group);

@@ -14,6 +14,7 @@
 #include "config/config.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
+#include "output/trusted_dir.h"
 
 namespace {
 
@@ -28,22 +29,49 @@ bool ends_with(const char *s, const char *suffix) {
 
 bool fits(int n, size_t size) { return n >= 0 && static_cast<size_t>(n) < size; }
 
-// mkdir -p, for the configured directory and the group's below it.
+// mkdir -p for the configured directory's parents; the directory and the
+// group's below it must be the daemon's own (see trusted_dir_ensure).
 bool make_dirs(const char *path) {
   char prefix[UNSENT_PATH_SIZE];
   const size_t len = strlen(path);
-  if (len >= sizeof(prefix))
+  const char *group = strrchr(path, '/');
+  if (len >= sizeof(prefix) || !group || group == path)
     return false;
-  for (size_t i = 1; i <= len; i++) {
-    if (i < len && path[i] != '/')
+  const size_t base_len = static_cast<size_t>(group - path);
+  for (size_t i = 1; i < base_len; i++) {
+    if (path[i] != '/')
       continue;
     memcpy(prefix, path, i);
     prefix[i] = '\0';
-    if (mkdir(prefix, 0700) != 0 && errno != EEXIST)
+    if (mkdir(prefix, 0755) != 0 && errno != EEXIST)
       return false;
   }
-  struct stat st;
-  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+  memcpy(prefix, path, base_len);
+  prefix[base_len] = '\0';
+  return trusted_dir_ensure(prefix, false) != trusted_dir_result::failed &&
+         trusted_dir_ensure(path, false) != trusted_dir_result::failed;
+}
+
+// One field of a name: what the configuration allows in a file name part.
+const char *name_part(const char *s, char end) {
+  const char *p = s;
+  while ((*p >= 'A' && *p <= 'Z') || (*p >= 'a' && *p <= 'z') || (*p >= '0' && *p <= '9') ||
+         *p == '_' || *p == '.')
+    p++;
+  return p > s && p - s <= 64 && *p == end ? p + 1 : nullptr;
+}
+
+const char *digits(const char *s, char end, size_t min, size_t max) {
+  const char *p = s;
+  while (*p >= '0' && *p <= '9')
+    p++;
+  const size_t n = static_cast<size_t>(p - s);
+  return n >= min && n <= max && *p == end ? p + 1 : nullptr;
+}
+
+const char *literal(const char *s, const char *text) {
+  const size_t n = strlen(text);
+  return s && strncmp(s, text, n) == 0 ? s + n : nullptr;
 }
 
 bool write_all(int fd, const char *buf, size_t len) {
@@ -64,11 +92,12 @@ bool write_all(int fd, const char *buf, size_t len) {
 bool copy_file(const char *src, const char *dst) {
   char part[UNSENT_PATH_SIZE + sizeof(PART_SUFFIX)];
   snprintf(part, sizeof(part), "%s%s", dst, PART_SUFFIX);
-  unique_fd in(open(src, O_RDONLY | O_CLOEXEC));
+  unique_fd in(open(src, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat st;
   if (!in || fstat(in.get(), &st) != 0)
     return false;
-  unique_fd out(open(part, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  unlink(part);
+  unique_fd out(open(part, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!out)
     return false;
   char buf[16 * 1024];
@@ -110,7 +139,8 @@ void enforce_bounds(uint32_t id) {
     bytes += f.size;
   size_t count = files.size();
   for (const unsent_file &f : files) {
-    if (count <= UNSENT_MAX_FILES && bytes <= UNSENT_MAX_BYTES)
+    // The newest file stays, however large.
+    if (count <= 1 || (count <= UNSENT_MAX_FILES && bytes <= UNSENT_MAX_BYTES))
       break;
     log_msg_as("unsent_keep", WARN, "more than %d files or %d MiB kept for group %d: %s deleted\n",
                static_cast<int>(UNSENT_MAX_FILES), static_cast<int>(UNSENT_MAX_BYTES >> 20),
@@ -124,6 +154,34 @@ void enforce_bounds(uint32_t id) {
 }  // namespace
 
 bool unsent_enabled() { return qz2fh_get_unsent_dir() != nullptr; }
+
+bool unsent_own_name(uint32_t id, const char *name) {
+  char head[16];
+  if (id == QZ2FH_STATUS_DIR_ID) {
+    // 145-<source>-<time>-<sequence>-DEVICESTATUS-0.bjson
+    const char *p = name_part(literal(name, "145-") ? name + 4 : "", '-');
+    p = p ? digits(p, '-', 1, 20) : nullptr;
+    p = p ? digits(p, '-', 1, 10) : nullptr;
+    p = literal(p, "DEVICESTATUS-0.bjson");
+    return p && *p == '\0';
+  }
+  // <id>-<org>-<source>-<destination>-<time>-<sequence>.zip
+  snprintf(head, sizeof(head), "%d-", static_cast<int>(id));
+  const char *p = literal(name, head);
+  for (int i = 0; p && i < 3; i++)
+    p = name_part(p, '-');
+  p = p ? digits(p, '-', 1, 20) : nullptr;
+  p = p ? digits(p, '.', 5, 5) : nullptr;
+  p = literal(p, "zip");
+  return p && *p == '\0';
+}
+
+int unsent_prepare(uint32_t id) {
+  char dir[UNSENT_PATH_SIZE];
+  if (!unsent_dir_of(id, dir, sizeof(dir)))
+    return -1;
+  return make_dirs(dir) ? 0 : -1;
+}
 
 bool unsent_dir_of(uint32_t id, char *dir, size_t size) {
   const char *base = qz2fh_get_unsent_dir();
@@ -139,7 +197,7 @@ bool unsent_dir_of(uint32_t id, char *dir, size_t size) {
 int unsent_keep(uint32_t id, const char *path) {
   char dir[UNSENT_PATH_SIZE], dst[UNSENT_PATH_SIZE];
   const char *slash = strrchr(path, '/');
-  if (!unsent_dir_of(id, dir, sizeof(dir)) ||
+  if (!unsent_own_name(id, slash ? slash + 1 : path) || !unsent_dir_of(id, dir, sizeof(dir)) ||
       !fits(snprintf(dst, sizeof(dst), "%s/%s", dir, slash ? slash + 1 : path), sizeof(dst)))
     return -1;
   if (!make_dirs(dir)) {
@@ -188,7 +246,7 @@ void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix
   const dir_listing names(dir.path);
   for (int i = 0; i < names.size(); i++) {
     char path[UNSENT_PATH_SIZE];
-    if (!ends_with(names.name(i), suffix) ||
+    if (!ends_with(names.name(i), suffix) || !unsent_own_name(id, names.name(i)) ||
         !fits(snprintf(path, sizeof(path), "%s/%s", dir.path, names.name(i)), sizeof(path)))
       continue;
     log_msg(DEBUG, "%s left by the last run: kept to be sent\n", names.name(i));
@@ -199,7 +257,7 @@ void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix
 std::vector<unsent_file> unsent_files(uint32_t id) {
   std::vector<unsent_file> files;
   char dir[UNSENT_PATH_SIZE];
-  if (!unsent_dir_of(id, dir, sizeof(dir)))
+  if (!unsent_dir_of(id, dir, sizeof(dir)) || !make_dirs(dir))
     return files;
   DIR *d = opendir(dir);
   if (!d)
@@ -213,11 +271,18 @@ std::vector<unsent_file> unsent_files(uint32_t id) {
       continue;
     f.name_at = strlen(dir) + 1;
     struct stat st;
-    if (ends_with(e->d_name, PART_SUFFIX)) {
-      unlink(f.path);
+    if (lstat(f.path, &st) != 0 || !trusted_dir_own_file(st))
+      continue;
+    char stem[UNSENT_PATH_SIZE];
+    const size_t len = strlen(e->d_name), part_len = sizeof(PART_SUFFIX) - 1;
+    if (ends_with(e->d_name, PART_SUFFIX) && len - part_len < sizeof(stem)) {
+      // A copy a stop cut short.
+      snprintf(stem, sizeof(stem), "%.*s", static_cast<int>(len - part_len), e->d_name);
+      if (unsent_own_name(id, stem))
+        unlink(f.path);
       continue;
     }
-    if (stat(f.path, &st) != 0 || !S_ISREG(st.st_mode))
+    if (!unsent_own_name(id, e->d_name))
       continue;
     f.size = static_cast<uint64_t>(st.st_size);
     f.written_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;

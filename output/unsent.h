@@ -20,6 +20,14 @@ constexpr size_t UNSENT_PATH_SIZE = 512;
 // True when "fh_unsent_dir" is set.
 bool unsent_enabled();
 
+// True when name is one the daemon gives the files it keeps for the
+// group: its zips, or for the status report its status files. Nothing else
+// in the store is sent, counted or deleted.
+bool unsent_own_name(uint32_t id, const char *name);
+// Durable mode's start-up: makes the group's directory in the store, one
+// of the daemon's own. 0, or -1 (logged).
+int unsent_prepare(uint32_t id);
+
 // The group's directory, "<fh_unsent_dir>/<id>" (no slash at the end), into
 // dir. False when it does not fit.
 bool unsent_dir_of(uint32_t id, char *dir, size_t size);

@@ -1,5 +1,6 @@
 #include "status/bjson.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include "frame/report_timer.h"
 #include "frame/str_table.h"
 #include "output/spool.h"
+#include "output/trusted_dir.h"
 #include "output/unsent.h"
 
 namespace {
@@ -102,11 +104,17 @@ report_result bjson_report_timer(void *) {
     snprintf(path, sizeof(path), "%s/145-%s-%llu-%d-DEVICESTATUS-0.bjson", status_dir.path,
              qz2fh_get_source_str(), static_cast<unsigned long long>(time(nullptr)),
              static_cast<int>(bjson_sequence++));
-    FILE *fp = fopen(path, "a+e");
+    FILE *fp = spool_dir_check(status_dir, &bjson_uploads, true) ? trusted_dir_open_append(path) : nullptr;
     if (fp) {
       const int lines = write_nodes(fp);
-      fclose(fp);
-      if (lines > 0) {
+      const bool failed = ferror(fp) != 0;
+      const int error = errno;
+      if ((fclose(fp) != 0 || failed) && lines > 0) {
+        // Half a status file would tell the platform that access points
+        // have gone: none is sent.
+        bjson_uploads.write_errors++;
+        log_msg(ERROR, "status file %s not written: %s\n", path, strerror(failed ? error : errno));
+      } else if (lines > 0) {
         bjson_uploads.zips++;
         snprintf(bjson_uploads.last_zip, sizeof(bjson_uploads.last_zip), "%s",
                  path + strlen(status_dir.path) + 1);
@@ -124,6 +132,8 @@ report_result bjson_report_timer(void *) {
 
 const upload_counters &bjson_upload_counters() { return bjson_uploads; }
 
+void bjson_tick() { spool_dir_check(status_dir, &bjson_uploads, true); }
+
 void bjson_report_init() {
   bjson_node_table = str_table_new();
   if (!bjson_node_table)
@@ -132,8 +142,13 @@ void bjson_report_init() {
                     {report_owner_new(), report_phase::records});
   report_timer_add(&bjson_timer);
   status_dir = spool_dir_of(QZ2FH_STATUS_DIR_ID);
+  // A directory someone else made first is moved aside untouched.
+  spool_dir_check(status_dir, &bjson_uploads, false);
   // Durable mode: a status file a stopped run could not send is kept too.
+  if (unsent_enabled())
+    unsent_prepare(QZ2FH_STATUS_DIR_ID);
   unsent_keep_leftovers(QZ2FH_STATUS_DIR_ID, status_dir, ".bjson");
   qz2fh_delete_dir_file(status_dir);
   qz2fh_create_dir(status_dir);
+  spool_dir_check(status_dir, &bjson_uploads, false);
 }

@@ -1,7 +1,9 @@
 // The terminal group's archive cycle: index, zip, upload and emptied spool
 // directory, with real rm, mkdir and zip and a recorded upload.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <regex>
@@ -28,9 +30,9 @@ class Archive : public ::testing::Test {
   void SetUp() override {
     run.pass_through("mkdir");
     run.pass_through("rm");
-    run.pass_through("cd /tmp/146;zip");
+    run.pass_through("cd /tmp/146 && zip");
     run.on_command = [this](const std::string &cmd) {
-      if (cmd.rfind("cd /tmp/146;zip", 0) == 0)
+      if (cmd.rfind("cd /tmp/146 && zip", 0) == 0)
         index = read_file("/tmp/146/GAB_ZIP_INDEX.xml");
     };
     load_test_config();
@@ -61,7 +63,7 @@ TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
   ASSERT_TRUE(std::regex_match(
       run.commands[0], m,
       std::regex(
-          R"(cd /tmp/146;zip -m /tmp/146/(146-507183926-350100-350000-\d{10}-00000\.zip) \./\* 2>/dev/null)")))
+          R"(cd /tmp/146 && zip -m /tmp/146/(146-507183926-350100-350000-\d{10}-00000\.zip) \./\* 2>/dev/null)")))
       << run.commands[0];
   const std::string zip = m[1];
   EXPECT_EQ(run.commands[1],
@@ -103,12 +105,83 @@ TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
   EXPECT_NE(index.find("-00000-WA_BASIC_FJ_1004-0.bcp"), std::string::npos);
 }
 
+// An index that cannot be written whole (a full file system) is not
+// zipped: the cycle's records are counted as lost, as its files go.
 TEST_F(Archive, FailedIndexDeletesTheCycleUnsent) {
+  ASSERT_EQ(mount("qzsmall", "/tmp/146", "tmpfs", 0, "size=4k,mode=0700"), 0);
   source_basic_1003_write();
-  ASSERT_EQ(mkdir("/tmp/146/GAB_ZIP_INDEX.xml", 0755), 0);  // cannot be opened as a file
+  const bcp_dataset &ds = source_group.datasets[4];
+  const uint64_t records = ds.records, refused = ds.refused;
+  debug_mode_on();
+  output_capture err(STDERR_FILENO);
   source_report_timer(nullptr);
   ASSERT_EQ(run.commands.size(), 1u);
   EXPECT_EQ(run.commands[0], "rm /tmp/146/* 2>/dev/null");
+  EXPECT_NE(err.text().find("ERROR:index of group 146 not written: No space left on device\n"),
+            std::string::npos)
+      << err.text();
+  EXPECT_EQ(ds.records, records - 1);
+  EXPECT_EQ(ds.refused, refused + 1);
+  umount2("/tmp/146", MNT_DETACH);
+}
+
+// Durable mode: a zip that fails leaves the cycle's files listed in place,
+// and the next cycle zips them with its own under one index.
+TEST_F(Archive, FailedZipKeepsTheFilesForTheNextCycleInDurableMode) {
+  load_test_config({{"fh_unsent_dir", "\"/tmp/kept\""}});
+  source_basic_1003_write();
+  run.answer("cd /tmp/146 && zip", "", 12 << 8);
+  debug_mode_on();
+  output_capture err(STDERR_FILENO);
+  source_report_timer(nullptr);
+  EXPECT_NE(err.text().find("WARN:zip of 146-507183926-350100-350000-"), std::string::npos);
+  EXPECT_NE(err.text().find("-00000.zip failed (status 12): its files are kept for the next cycle\n"),
+            std::string::npos)
+      << err.text();
+  for (const std::string &cmd : run.commands)
+    EXPECT_EQ(cmd.find("wput"), std::string::npos) << cmd;
+  const std::vector<std::string> left = list_dir("/tmp/146");
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_NE(left[0].find("-WA_BASIC_FJ_1003-0.bcp"), std::string::npos);
+
+  run.forget_answers();
+  run.commands.clear();
+  source_basic_1004_write();
+  source_report_timer(nullptr);
+  ASSERT_GE(run.commands.size(), 2u);
+  EXPECT_NE(run.commands[0].find("-00001.zip"), std::string::npos);
+  EXPECT_NE(index.find(left[0]), std::string::npos);
+  EXPECT_NE(index.find("-WA_BASIC_FJ_1004-0.bcp"), std::string::npos);
+  EXPECT_EQ(index.find("GAB_ZIP_INDEX"), std::string::npos);
+}
+
+// The zip takes the cycle's own files only: anything planted in the spool
+// directory is deleted unfollowed, and a directory of someone else's is
+// moved aside.
+TEST_F(Archive, ZipTakesOnlyTheCyclesOwnFiles) {
+  source_basic_1003_write();
+  ASSERT_TRUE(write_file("/tmp/secret", "s"));
+  ASSERT_EQ(symlink("/tmp/secret", "/tmp/146/zz"), 0);
+  ASSERT_TRUE(write_file("/tmp/146/stray.bcp", "x\n"));
+  std::vector<std::string> zipped;
+  run.on_command = [&](const std::string &cmd) {
+    if (cmd.rfind("cd /tmp/146 && zip", 0) == 0)
+      zipped = list_dir("/tmp/146");
+  };
+  source_report_timer(nullptr);
+  ASSERT_EQ(zipped.size(), 2u);
+  EXPECT_EQ(zipped[1], "GAB_ZIP_INDEX.xml");
+  EXPECT_NE(zipped[0].find("-WA_BASIC_FJ_1003-0.bcp"), std::string::npos);
+  EXPECT_EQ(read_file("/tmp/secret"), "s");
+
+  ASSERT_EQ(system("rm -rf /tmp/146 && mkdir -m 777 /tmp/146 && chown 65534 /tmp/146"), 0);
+  source_basic_1003_write();
+  struct stat st;
+  ASSERT_EQ(lstat("/tmp/146", &st), 0);
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  EXPECT_EQ(list_dir("/tmp/146").size(), 1u);
+  EXPECT_EQ(source_group.uploads.dirs_replaced, 1u);
 }
 
 // A crash leaves a record file whose last line was cut: durable mode's next
@@ -118,11 +191,11 @@ TEST(Recovery, LeftoversOfACrashAreArchivedWithoutTheCutLine) {
   fake_runner run;
   run.pass_through("mkdir");
   run.pass_through("rm");
-  run.pass_through("cd /tmp/146;zip");
+  run.pass_through("cd /tmp/146 && zip");
   const std::string bcp = "146-350100-1700000000-00003-WA_BASIC_FJ_1002-0.bcp";
   std::string index, records;
   run.on_command = [&](const std::string &cmd) {
-    if (cmd.rfind("cd /tmp/146;zip", 0) == 0) {
+    if (cmd.rfind("cd /tmp/146 && zip", 0) == 0) {
       index = read_file("/tmp/146/GAB_ZIP_INDEX.xml");
       records = read_file("/tmp/146/" + bcp);
     }

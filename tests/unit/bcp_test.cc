@@ -2,6 +2,9 @@
 // of finished files, on a group of the test's own.
 #include <gtest/gtest.h>
 
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 #include <regex>
 #include <string>
 
@@ -59,16 +62,75 @@ TEST_F(BcpWriter, NamesSequenceAndRollOverAt5000) {
 TEST_F(BcpWriter, SequenceWrapsAndFailedOpenKeepsIt) {
   bcp_dataset &ds = test_group.datasets[1];
   ds.bcp_sequence = 65535;
-  ASSERT_EQ(system("rm -rf /tmp/150"), 0);
+  const uint64_t refused = ds.refused;
   debug_mode_on();
-  output_capture out;
-  EXPECT_EQ(write_x(), 1);  // no spool directory: the line is lost
-  EXPECT_NE(out.text().find("open file /tmp/150/150-350100-"), std::string::npos);
-  EXPECT_EQ(ds.bcp_sequence, 65535);
-  ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
+  {
+    // A directory that cannot be made: the line is lost and counted.
+    snprintf(test_group.spool.path, sizeof(test_group.spool.path), "/proc/150");
+    output_capture out;
+    EXPECT_EQ(write_x(), 1);
+    test_group.spool = spool_dir_of(TEST_GROUP);
+    EXPECT_NE(out.text().find("open file /proc/150/150-350100-"), std::string::npos);
+    EXPECT_EQ(ds.bcp_sequence, 65535);
+    EXPECT_EQ(ds.refused, refused + 1);
+  }
+  // A directory removed under the daemon is made again, private.
+  ASSERT_EQ(system("rm -rf /tmp/150"), 0);
+  output_capture err(STDERR_FILENO);
   EXPECT_EQ(write_x(), 0);
+  EXPECT_NE(err.text().find("WARN:/tmp/150 had gone: made again\n"), std::string::npos);
   EXPECT_EQ(ds.bcp_sequence, 0);
   EXPECT_NE(list_dir("/tmp/150")[0].find("-65535-WA_TEST_1-0.bcp"), std::string::npos);
+  struct stat st;
+  ASSERT_EQ(stat("/tmp/150", &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+}
+
+// A full file system: what a file holds is whole lines, each counted as
+// written, and every other record is counted as refused; writing resumes
+// once there is room again.
+TEST_F(BcpWriter, FullFileSystemKeepsWholeLinesAndCountsTheRest) {
+  group_archive_cycle(&test_group);
+  bcp_dataset &ds = test_group.datasets[1];
+  ASSERT_EQ(mount("qzfull", "/tmp/150", "tmpfs", 0, "size=64k,mode=0700"), 0);
+  const uint64_t records = ds.records, refused = ds.refused;
+  const uint64_t errors = test_group.uploads.write_errors;
+  const std::string line = std::string(99, 'r') + "\n";
+  int failed = 0;
+  const int sent = 2000;
+  for (int i = 0; i < sent; i++)
+    failed += bcp_write_line(&ds, line.c_str(), line.size());
+  bcp_close_open_files(&test_group);
+  uint64_t listed = 0;
+  for (int i = 0; i < test_group.bcp_file_count; i++) {
+    const bcp_file_entry &e = test_group.bcp_file_list[i];
+    const std::string text = read_file("/tmp/150/" + std::string(e.file_name));
+    EXPECT_EQ(text.size(), e.record_count * line.size()) << e.file_name;
+    listed += e.record_count;
+  }
+  EXPECT_GT(failed, 0);
+  EXPECT_GT(listed, 0u);
+  EXPECT_EQ(ds.records - records, listed);
+  EXPECT_EQ(ds.records - records + ds.refused - refused, static_cast<uint64_t>(sent));
+  EXPECT_GT(test_group.uploads.write_errors, errors);
+  // One line per dataset and tick, with what was lost since the last.
+  debug_mode_on();
+  {
+    output_capture err(STDERR_FILENO);
+    bcp_tick();
+    bcp_tick();
+    const std::string text = err.text();
+    const std::string want = "ERROR:WA_TEST_1: " + std::to_string(ds.refused - refused) +
+                             " records not written since the last report: No space left on device\n";
+    EXPECT_NE(text.find(want), std::string::npos) << text;
+    EXPECT_EQ(text.find("ERROR:", text.find(want) + 1), std::string::npos) << text;
+  }
+  // Room again: the next record is written.
+  ASSERT_EQ(umount2("/tmp/150", MNT_DETACH), 0);
+  test_group.bcp_file_count = 0;
+  EXPECT_EQ(bcp_write_line(&ds, line.c_str(), line.size()), 0);
+  bcp_close_open_files(&test_group);
+  EXPECT_EQ(test_group.bcp_file_count, 1);
 }
 
 TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
@@ -82,8 +144,14 @@ TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
       indexes.push_back(read_file("/tmp/150/GAB_ZIP_INDEX.xml"));
   };
   const int files = 300;
-  for (int i = 0; i < files * BCP_MAX_RECORDS; i++)
+  for (int i = 0; i < files * BCP_MAX_RECORDS; i++) {
     write_x();
+    // The loop archives between records, never inside one.
+    if (bcp_archive_pending()) {
+      EXPECT_EQ(indexes.size(), 0u);
+      bcp_run_due_archives();
+    }
+  }
   ASSERT_EQ(indexes.size(), 1u);  // one early archive, before the list could wrap
   EXPECT_EQ(test_group.bcp_file_count, files - 249);
   // Everything listed since is archived by the next regular cycle.

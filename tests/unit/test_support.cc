@@ -17,12 +17,12 @@ int fake_runner::run_system(const char *cmd) {
   if (on_command)
     on_command(cmd);
   commands.emplace_back(cmd);
-  for (const std::string &p : real_)
-    if (std::string(cmd).rfind(p, 0) == 0)
-      return system(cmd);
   for (const canned &c : answers_)
     if (std::string(cmd).rfind(c.prefix, 0) == 0)
       return c.status;
+  for (const std::string &p : real_)
+    if (std::string(cmd).rfind(p, 0) == 0)
+      return system(cmd);
   return 0;
 }
 
@@ -47,6 +47,8 @@ void fake_runner::answer(const std::string &prefix, const std::string &output, i
 }
 
 void fake_runner::pass_through(const std::string &prefix) { real_.push_back(prefix); }
+
+void fake_runner::forget_answers() { answers_.clear(); }
 
 std::string test_config_json(const std::vector<std::pair<std::string, std::string>> &overrides) {
   std::vector<std::pair<std::string, std::string>> kv = {

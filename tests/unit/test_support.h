@@ -17,7 +17,9 @@ class fake_runner : public command_runner {
   int run_system(const char *cmd) override;
   int run_read(const char *cmd, std::string *out, size_t max) override;
 
+  // Canned answers go before commands let through.
   void answer(const std::string &prefix, const std::string &output, int status = 0);
+  void forget_answers();
   // Commands starting with prefix really run (through /bin/sh).
   void pass_through(const std::string &prefix);
   // Called with each command before it is recorded (e.g. to look at files

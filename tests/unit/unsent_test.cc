@@ -24,6 +24,13 @@ std::string spool_file(const std::string &name, const std::string &text, int s) 
   return path;
 }
 
+// A zip name of the group's, numbered n.
+std::string zname(uint32_t id, int n) {
+  char name[64];
+  snprintf(name, sizeof(name), "%d-507183926-350100-350000-1700000000-%05d.zip", static_cast<int>(id), n);
+  return name;
+}
+
 std::vector<std::string> kept_names(uint32_t id) {
   std::vector<std::string> names;
   for (const unsent_file &f : unsent_files(id))
@@ -37,21 +44,21 @@ TEST(Unsent, KeepsFilesUnderTheirNamesOldestFirst) {
   char dir[UNSENT_PATH_SIZE];
   ASSERT_TRUE(unsent_dir_of(145, dir, sizeof(dir)));
   EXPECT_STREQ(dir, "/tmp/keep/145");
-  const std::string b = spool_file("b.zip", "bbb", 2);
-  const std::string a = spool_file("a.zip", "aa", 1);
-  const std::string c = spool_file("c.zip", "c", 2);
+  const std::string b = spool_file(zname(145, 2), "bbb", 2);
+  const std::string a = spool_file(zname(145, 1), "aa", 1);
+  const std::string c = spool_file(zname(145, 3), "c", 2);
   for (const std::string &p : {b, a, c})
     ASSERT_EQ(unsent_keep(145, p.c_str()), 0);
   EXPECT_NE(access(b.c_str(), F_OK), 0);
-  EXPECT_EQ(read_file("/tmp/keep/145/b.zip"), "bbb");
-  EXPECT_EQ(kept_names(145), std::vector<std::string>({"a.zip", "b.zip", "c.zip"}));
+  EXPECT_EQ(read_file("/tmp/keep/145/" + zname(145, 2)), "bbb");
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 1), zname(145, 2), zname(145, 3)}));
   size_t files;
   uint64_t bytes;
   unsent_usage(145, &files, &bytes);
   EXPECT_EQ(files, 3u);
   EXPECT_EQ(bytes, 6u);
   unsent_delivered(unsent_files(145)[0]);
-  EXPECT_EQ(kept_names(145), std::vector<std::string>({"b.zip", "c.zip"}));
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 2), zname(145, 3)}));
   EXPECT_TRUE(kept_names(146).empty());
 }
 
@@ -61,7 +68,7 @@ TEST(Unsent, KeepsAcrossFileSystems) {
   ASSERT_EQ(mkdir("/tmp/flash", 0755), 0);
   ASSERT_EQ(mount("qzflash", "/tmp/flash", "tmpfs", 0, "size=1m"), 0);
   load_test_config({{"fh_unsent_dir", "\"/tmp/flash/unsent\""}});
-  const std::string z = spool_file("z.zip", std::string(40000, 'z'), 5);
+  const std::string z = spool_file(zname(146, 26), std::string(40000, 'z'), 5);
   ASSERT_EQ(unsent_keep(146, z.c_str()), 0);
   EXPECT_NE(access(z.c_str(), F_OK), 0);
   const std::vector<unsent_file> kept = unsent_files(146);
@@ -69,14 +76,15 @@ TEST(Unsent, KeepsAcrossFileSystems) {
   EXPECT_EQ(read_file(kept[0].path), std::string(40000, 'z'));
   EXPECT_EQ(kept[0].written_ns, (1700000000LL + 5) * 1000000000);
   // A copy cut short by a stop is never listed, and goes.
-  ASSERT_TRUE(write_file("/tmp/flash/unsent/146/y.zip.part", "half"));
-  EXPECT_EQ(kept_names(146), std::vector<std::string>({"z.zip"}));
-  EXPECT_NE(access("/tmp/flash/unsent/146/y.zip.part", F_OK), 0);
+  const std::string part = "/tmp/flash/unsent/146/" + zname(146, 25) + ".part";
+  ASSERT_TRUE(write_file(part, "half"));
+  EXPECT_EQ(kept_names(146), std::vector<std::string>({zname(146, 26)}));
+  EXPECT_NE(access(part.c_str(), F_OK), 0);
   // A file that cannot be kept stays where it was.
-  const std::string big = spool_file("big.zip", std::string(2 << 20, 'b'), 6);
+  const std::string big = spool_file(zname(146, 2), std::string(2 << 20, 'b'), 6);
   EXPECT_EQ(unsent_keep(146, big.c_str()), -1);
   EXPECT_EQ(access(big.c_str(), F_OK), 0);
-  EXPECT_EQ(kept_names(146), std::vector<std::string>({"z.zip"}));
+  EXPECT_EQ(kept_names(146), std::vector<std::string>({zname(146, 26)}));
   umount("/tmp/flash");
 }
 
@@ -85,25 +93,65 @@ TEST(Unsent, OldestDeletedBeyondTheBounds) {
   load_test_config({{"fh_unsent_dir", "\"/tmp/keep\""}});
   output_capture err(STDERR_FILENO);
   for (int i = 0; i < static_cast<int>(UNSENT_MAX_FILES) + 2; i++) {
-    const std::string p = spool_file("f" + std::to_string(100 + i) + ".zip", "x", i);
-    ASSERT_EQ(unsent_keep(144, p.c_str()), 0);
+    const std::string p = spool_file(zname(146, 100 + i), "x", i);
+    ASSERT_EQ(unsent_keep(146, p.c_str()), 0);
   }
-  std::vector<std::string> names = kept_names(144);
+  std::vector<std::string> names = kept_names(146);
   ASSERT_EQ(names.size(), UNSENT_MAX_FILES);
-  EXPECT_EQ(names.front(), "f102.zip");
+  EXPECT_EQ(names.front(), zname(146, 102));
   const std::string text = err.text();
-  EXPECT_NE(text.find("WARN:more than 64 files or 16 MiB kept for group 144: f100.zip deleted\n"),
+  EXPECT_NE(text.find("WARN:more than 64 files or 16 MiB kept for group 146: " + zname(146, 100) +
+                      " deleted\n"),
             std::string::npos)
       << text;
-  EXPECT_NE(text.find("f101.zip deleted"), std::string::npos);
-  EXPECT_EQ(text.find("f102.zip deleted"), std::string::npos);
+  EXPECT_NE(text.find(zname(146, 101) + " deleted"), std::string::npos);
+  EXPECT_EQ(text.find(zname(146, 102) + " deleted"), std::string::npos);
 
   const std::string big(6 << 20, 'b');
   for (int i = 0; i < 3; i++) {
-    const std::string p = spool_file("g" + std::to_string(i) + ".zip", big, 100 + i);
+    const std::string p = spool_file(zname(145, i), big, 100 + i);
     ASSERT_EQ(unsent_keep(145, p.c_str()), 0);
   }
-  EXPECT_EQ(kept_names(145), std::vector<std::string>({"g1.zip", "g2.zip"}));
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 1), zname(145, 2)}));
+  // A file larger than the bound on its own is kept, alone.
+  const std::string huge = spool_file(zname(145, 9), std::string(17 << 20, 'h'), 200);
+  ASSERT_EQ(unsent_keep(145, huge.c_str()), 0);
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 9)}));
+}
+
+// Only the daemon's own names, in a directory of its own, are sent,
+// counted or deleted: whatever else is there is left alone.
+TEST(Unsent, ForeignFilesAndDirectoriesAreLeftAlone) {
+  load_test_config({{"fh_unsent_dir", "\"/tmp/own\""}});
+  const std::string setup = "mkdir -p /tmp/own /tmp/secret && echo s > /tmp/secret/" +
+                            zname(145, 1) + " && ln -s /tmp/secret /tmp/own/145 && chown 65534 /tmp/own";
+  ASSERT_EQ(system(setup.c_str()), 0);
+  // The store of someone else's is moved aside; so is a linked group.
+  EXPECT_EQ(unsent_prepare(145), 0);
+  struct stat st;
+  ASSERT_EQ(lstat("/tmp/own", &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0700);
+  ASSERT_EQ(lstat("/tmp/own/145", &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode) && (st.st_mode & 07777) == 0700);
+  EXPECT_TRUE(kept_names(145).empty());
+  EXPECT_EQ(read_file("/tmp/secret/" + zname(145, 1)), "s\n");
+  // In a store of its own: other names, links and shared files stay unsent.
+  ASSERT_EQ(symlink(("/tmp/secret/" + zname(145, 1)).c_str(), ("/tmp/own/145/" + zname(145, 2)).c_str()), 0);
+  ASSERT_EQ(link(("/tmp/secret/" + zname(145, 1)).c_str(), ("/tmp/own/145/" + zname(145, 3)).c_str()), 0);
+  ASSERT_TRUE(write_file("/tmp/own/145/notes.zip", "n"));
+  ASSERT_TRUE(write_file("/tmp/own/145/" + zname(146, 4), "other group"));
+  ASSERT_TRUE(write_file("/tmp/own/145/" + zname(145, 5), "mine"));
+  ASSERT_TRUE(write_file("/tmp/own/145/notes.zip.part", "n"));
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 5)}));
+  EXPECT_EQ(access("/tmp/own/145/notes.zip.part", F_OK), 0);
+  EXPECT_TRUE(unsent_own_name(144, "145-350100-1700000000-3-DEVICESTATUS-0.bjson"));
+  for (const char *bad : {"145-350100-1700000000-3-DEVICESTATUS-0.bjson.x", "145--1-3-DEVICESTATUS-0.bjson",
+                          "146-350100-1700000000-3-DEVICESTATUS-0.bjson"})
+    EXPECT_FALSE(unsent_own_name(144, bad)) << bad;
+  for (const char *bad : {"145-507183926-350100-350000-1700000000-0001.zip",
+                          "145-507183926-350100-1700000000-00001.zip", "145-a/b-350100-350000-1-00001.zip",
+                          "1450-507183926-350100-350000-1-00001.zip"})
+    EXPECT_FALSE(unsent_own_name(145, bad)) << bad;
 }
 
 // After its own upload a group sends at most four kept files, oldest first,
@@ -111,25 +159,24 @@ TEST(Unsent, OldestDeletedBeyondTheBounds) {
 TEST(Unsent, ResentOldestFirstAtMostFourACycle) {
   load_test_config({{"fh_unsent_dir", "\"/tmp/resend\""}});
   for (int i = 0; i < 6; i++)
-    ASSERT_EQ(unsent_keep(145, spool_file("k" + std::to_string(i) + ".zip", "k", 6 - i).c_str()),
-              0);
+    ASSERT_EQ(unsent_keep(145, spool_file(zname(145, i), "k", 6 - i).c_str()), 0);
   fake_runner run;
   upload_counters counters{};
   unsent_resend(&counters, 145, spool_dir_of(145));
   ASSERT_EQ(run.commands.size(), 4u);
   for (int i = 0; i < 4; i++) {
-    const std::string start = "wput -t 2 /tmp/resend/145/k" + std::to_string(5 - i) + ".zip ftp://";
+    const std::string start = "wput -t 2 /tmp/resend/145/" + zname(145, 5 - i) + " ftp://";
     EXPECT_EQ(run.commands[i].rfind(start, 0), 0u) << run.commands[i];
   }
   EXPECT_NE(run.commands[0].find("@127.0.0.1:2121//tmp/145 -B -q"), std::string::npos);
-  EXPECT_EQ(kept_names(145), std::vector<std::string>({"k1.zip", "k0.zip"}));
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 1), zname(145, 0)}));
   EXPECT_EQ(counters.uploads_ok, 4u);
 
   run.commands.clear();
   run.answer("wput", "", 1 << 8);
   unsent_resend(&counters, 145, spool_dir_of(145));
   EXPECT_EQ(run.commands.size(), 1u);
-  EXPECT_EQ(kept_names(145), std::vector<std::string>({"k1.zip", "k0.zip"}));
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 1), zname(145, 0)}));
   EXPECT_EQ(counters.uploads_failed, 1u);
   EXPECT_EQ(counters.last_upload_status, 1);
 }
