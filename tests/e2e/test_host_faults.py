@@ -437,14 +437,23 @@ class ForeignStoreTest(HostCase):
                 self.assertNotIn(b"qz-host-faults-secret", part, up)
 
     def test_files_not_named_as_the_daemons_are_left_alone(self):
-        os.makedirs(UNSENT + "/145", mode=0o700)
-        os.chmod(UNSENT, 0o700)
         foreign = ["notes.txt", "old-00.zip", "145-x.zip", "upload.part",
-                   "145-507183926-350100-350000-1709000000-0000.zip"]
-        for name in foreign:
-            with open(os.path.join(UNSENT, "145", name), "wb") as f:
-                f.write(SECRET + name.encode())
-        before = tree_fingerprint(UNSENT)
+                   "145-507183926-350100-350000-1709000000-0000.zip",
+                   "145-350100-1709000000-0-DEVICESTATUS-0.bjson.tmp", "notes.txt.part"]
+        # Kept by an earlier run: these go out, and prove the store was read.
+        kept = {"144/145-350100-1709000000-0-DEVICESTATUS-0.bjson": "tmp/144",
+                "146/146-507183926-350100-350000-1709000000-00000.zip": "tmp/146"}
+        os.mkdir(UNSENT, 0o700)
+        for group in ("144", "145", "146"):
+            os.mkdir(os.path.join(UNSENT, group), 0o700)
+            for name in foreign:
+                with open(os.path.join(UNSENT, group, name), "wb") as f:
+                    f.write(SECRET + name.encode())
+        for name in kept:
+            with open(os.path.join(UNSENT, name), "wb") as f:
+                f.write(b"kept " + name.encode())
+        before = {k: v for k, v in tree_fingerprint(UNSENT).items()
+                  if os.path.relpath(k, UNSENT) not in kept}
         d = self.start({"fh_unsent_dir": UNSENT})
         self.send(range(10))
         self.wait_received(d, range(10))
@@ -453,11 +462,17 @@ class ForeignStoreTest(HostCase):
         wait_running(d, lambda: len(uploads(self.sb.ftp, "tmp/145")) > count,
                      "a second upload")
         self.assert_once(range(20))
-        self.assertEqual(tree_fingerprint(UNSENT), before)
+        for name, remote in kept.items():
+            self.assertIn(b"kept " + name.encode(),
+                          [u.read() for u in uploads(self.sb.ftp, remote)], name)
+        after = tree_fingerprint(UNSENT)
+        self.assertEqual((sorted(set(before) - set(after)), sorted(set(after) - set(before))), ([], []))
+        self.assertEqual(after, before)
         for up in self.sb.ftp.uploads():
             for part in upload_bytes(up):
                 self.assertNotIn(b"qz-host-faults-secret", part, up)
-        self.assertEqual(read_stats()["groups"]["145"]["unsent_files"], 0)
+        groups = read_stats()["groups"]
+        self.assertEqual([groups[g]["unsent_files"] for g in ("144", "145", "146")], [0, 0, 0])
 
 
 for _name, _row in ForeignStoreTest.CASES.items():
