@@ -133,6 +133,45 @@ TEST_F(BcpWriter, FullFileSystemKeepsWholeLinesAndCountsTheRest) {
   EXPECT_EQ(test_group.bcp_file_count, 1);
 }
 
+// A quarter of the file system is the most a cycle may spool: reaching it
+// asks the loop for an early archive. An open file whose directory was
+// removed is counted as lost at the next tick, and the directory made again.
+TEST_F(BcpWriter, ByteBoundAndRemovedDirectory) {
+  group_archive_cycle(&test_group);
+  bcp_dataset &ds = test_group.datasets[1];
+  ASSERT_EQ(mount("qzbound", "/tmp/150", "tmpfs", 0, "size=64k,mode=0700"), 0);
+  bcp_spool_bound_update(&test_group);
+  EXPECT_EQ(test_group.spool_bound, 16384u);
+  const std::string line = std::string(99, 'b') + "\n";
+  int written = 0;
+  while (!bcp_archive_pending() && written < 1000) {
+    ASSERT_EQ(bcp_write_line(&ds, line.c_str(), line.size()), 0);
+    written++;
+  }
+  EXPECT_EQ(written, 164);
+  bcp_close_open_files(&test_group);
+  ASSERT_EQ(umount2("/tmp/150", MNT_DETACH), 0);
+  test_group.archive_due = false;
+  test_group.bcp_file_count = 0;
+  test_group.spool_bytes = 0;
+  test_group.spool_bound = BCP_SPOOL_MAX_BYTES;
+
+  const uint64_t records = ds.records, refused = ds.refused;
+  ASSERT_EQ(write_x(), 0);
+  ASSERT_EQ(write_x(), 0);
+  ASSERT_EQ(system("rm -rf /tmp/150"), 0);
+  debug_mode_on();
+  output_capture err(STDERR_FILENO);
+  bcp_tick();
+  EXPECT_EQ(ds.records, records);
+  EXPECT_EQ(ds.refused, refused + 2);
+  EXPECT_NE(err.text().find("WARN:/tmp/150 had gone: made again\n"), std::string::npos);
+  EXPECT_NE(err.text().find("ERROR:WA_TEST_1: 2 records not written since the last report"),
+            std::string::npos);
+  ASSERT_EQ(write_x(), 0);
+  EXPECT_EQ(list_dir("/tmp/150").size(), 1u);
+}
+
 TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
   // From an empty cycle, whatever ran before in this process.
   group_archive_cycle(&test_group);
