@@ -533,7 +533,7 @@ for _name, _row in FailingZipTest.CASES.items():
 
 
 class SpoolBoundTest(HostCase):
-    """30,000 HTTP events (about 8 MB of lines) into a 4 MiB /tmp/145 in
+    """30,000 HTTP events (5 MB of lines here) into a 4 MiB /tmp/145 in
     one cycle: the spool's bound (a quarter of its file system) starts early
     archives, and every event arrives once."""
 
@@ -558,12 +558,18 @@ class SpoolBoundTest(HostCase):
         for size in early:
             # Reached by the records of one wake-up of the feed: a few lines more.
             self.assertTrue(bound <= size < bound + 64 * 1024, early)
+        lines = 0
+        for up in uploads(self.sb.ftp, "tmp/145"):
+            with zipfile.ZipFile(up.path) as z:
+                lines += sum(i.file_size for i in z.infolist() if S2 in i.filename)
+        self.assertGreater(lines, fs.f_blocks * fs.f_frsize, "the flood fits the file system")
         s = self.wait_handled(d, total)
         self.assertEqual(s["groups"]["145"]["early_archives"], len(early), s)
         self.assertEqual(s["datasets"][S2]["refused"], 0, s)
         self.assertEqual(self.stderr_messages(d, "ERROR"), [])
-        sys.stderr.write("\nflood of %d events sent in %.1f s; %d early archives\n"
-                         % (total, seconds, len(early)))
+        sys.stderr.write("\nflood of %d events (%d bytes of lines) sent in %.1f s; "
+                         "%d early archives at %s bytes\n"
+                         % (total, lines, seconds, len(early), early))
 
 
 if __name__ == "__main__":
