@@ -21,12 +21,12 @@
 #include "frame/paths.h"
 #include "frame/str_table.h"
 #include "frame/text.h"
-#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 
 namespace {
 
 constexpr size_t SHELL_HEADER = 4;
+bcp_dataset *source_0001;  // where the feed's records go
 
 struct auth_type_entry {
   uint16_t id;
@@ -216,8 +216,7 @@ int netbar_0001_write(bool online, const netbar_terminal &terminal) {
   const char *route_ip = qz2fh_get_route_ip();
   r.src_ip_number = route_ip ? netbar_ipv4_number(route_ip) : 0;
   // Logged under the name its records have always been logged under.
-  return bcp_emit("netbar_0001_business_handle", &netbar_group.datasets[NETBAR_SOURCE_0001],
-                  source_0001_columns, r) == 0
+  return bcp_emit("netbar_0001_business_handle", source_0001, source_0001_columns, r) == 0
              ? 0
              : -1;
 }
@@ -309,21 +308,41 @@ bool netbar_shell_process(const uint8_t *data, size_t len) {
   return netbar_terminal_online(msg);
 }
 
-void netbar_init_sock() {
+int netbar_terminal_init(bcp_dataset *ds) {
+  // Reports under the set-up's name of old.
+  static const char func[] = "netbar_init_sock";
+  source_0001 = ds;
   netbar_terminal_table = str_table_new();
   if (!netbar_terminal_table)
-    return;
+    return -1;
   int fd = netbar_create_unix_sock();
   if (fd < 0) {
-    log_msg(ERROR, "init shell fd failed!\n");
-  } else if (eloop_add_reader(fd, netbar_recv_callback, nullptr, nullptr) != 0) {
-    close(fd);
-  } else {
-    log_msg(DEBUG, "init shell fd success!\n");
-    shell_feed = feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX,
-                                                        false, shell_receive, netbar_shell_process,
-                                                        shell_recv_failed});
+    log_msg_as(func, ERROR, "init shell fd failed!\n");
+    return -1;
   }
-  bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
-                   bcp_make_template(source_0001_columns, SOURCE_0001_STYLE));
+  if (eloop_add_reader(fd, netbar_recv_callback, nullptr, nullptr) != 0) {
+    close(fd);
+    return -1;
+  }
+  log_msg_as(func, DEBUG, "init shell fd success!\n");
+  shell_feed = feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX,
+                                                      false, shell_receive, netbar_shell_process,
+                                                      shell_recv_failed});
+  return 0;
+}
+
+const char *netbar_0001_template() {
+  return bcp_make_template(source_0001_columns, SOURCE_0001_STYLE);
+}
+
+void netbar_session_id(char *out, const char *mac, unsigned long long when) {
+  char digits[64];
+  size_t n = 0;
+  for (const char *p = mac; *p && n < sizeof(digits) - 1; p++) {
+    if (*p == '-' || *p == ':')
+      continue;
+    digits[n++] = (*p >= 'A' && *p <= 'Z') ? static_cast<char>(*p - 'A' + 'a') : *p;
+  }
+  digits[n] = '\0';
+  snprintf(out, NETBAR_SESSION_ID_SIZE, "%s%s%llu", qz2fh_get_netbar_wacode(), digits, when);
 }

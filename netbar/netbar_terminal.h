@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "output/bcp_dataset.h"
+
 // One online terminal, owned by the terminal table from its online message
 // to its offline message.
 struct netbar_terminal {
@@ -43,7 +45,17 @@ const char *netbar_shell_parse(const uint8_t *data, size_t len, netbar_shell_msg
 
 // The online/offline feed and WA_SOURCE_FJ_0001: creates the terminal
 // table and the socket, registers the read callback, sets up the dataset.
-void netbar_init_sock();
+// Creates the terminal table and the online/offline socket, registers the
+// feed, and writes its records to ds. 0, or -1 when the socket could not
+// be opened (logged; the daemon runs on without it).
+int netbar_terminal_init(bcp_dataset *ds);
+// The index template of WA_SOURCE_FJ_0001, built from its columns.
+const char *netbar_0001_template();
+
+// Session id: place code, the MAC's hex digits in lower case (separators
+// dropped) and a time in seconds, cut to 64 characters.
+constexpr size_t NETBAR_SESSION_ID_SIZE = 65;
+void netbar_session_id(char *out, const char *mac, unsigned long long when);
 // Handles one datagram as received (at most 260 bytes).
 bool netbar_shell_process(const uint8_t *data, size_t len);
 

@@ -118,9 +118,8 @@ report_result bjson_report_timer(void *) {
         bjson_uploads.zips++;
         snprintf(bjson_uploads.last_zip, sizeof(bjson_uploads.last_zip), "%s",
                  path + strlen(status_dir.path) + 1);
-        const int status = qz2fh_send_file(path, status_dir);
-        log_msg(DEBUG, "send bjson file :%s\n", path);
-        sent = upload_done(&bjson_uploads, QZ2FH_STATUS_DIR_ID, path, status);
+        sent = upload_and_count(&bjson_uploads, QZ2FH_STATUS_DIR_ID, status_dir, path,
+                                {__func__, "send bjson file", path});
       }
     }
   }

@@ -9,8 +9,6 @@ extern bcp_group source_group;
 // Registers the group, empties and creates /tmp/146 and sets up its six
 // datasets with their timers.
 void source_group_init();
-// The group's archive timer.
-report_result source_report_timer(void *arg);
 
 // The writers of the four basic datasets: access-point presence and
 // collection equipment for one scanned MAC, the place, the vendor. 0 when
