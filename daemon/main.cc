@@ -65,6 +65,19 @@ void durable_stop_signals() {
   sigaction(SIGINT, &sa, nullptr);
 }
 
+// Dispositions a parent may have left: with SIGCHLD ignored the kernel
+// reaps every command before its status can be read, and a console or
+// syslog reader going away must not end the daemon by SIGPIPE (its writes
+// fail instead, and are dropped).
+void known_signal_dispositions() {
+  struct sigaction sa = {};
+  sigemptyset(&sa.sa_mask);
+  sa.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &sa, nullptr);
+  sa.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &sa, nullptr);
+}
+
 const struct option long_options[] = {
     {"debug", required_argument, nullptr, 'D'},
     {nullptr, 0, nullptr, 0},
@@ -80,6 +93,7 @@ void lock_file_release() {
 }  // namespace
 
 int main(int argc, char *argv[]) {
+  known_signal_dispositions();
   int opt;
   while ((opt = getopt_long(argc, argv, "D", long_options, nullptr)) != -1) {
     if (opt == 'D') {
