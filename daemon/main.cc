@@ -17,6 +17,7 @@
 #include "daemon/stats.h"
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
+#include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
@@ -105,7 +106,8 @@ int main(int argc, char *argv[]) {
   }
 
   static const char lock_failed[] = "can not get file lock or open file failed";
-  lock_fd = open(QZ_FILE_LOCK_PATH, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  // Anything but a plain file of our own there counts as a failed open.
+  lock_fd = fixed_file_open_lock(QZ_FILE_LOCK_PATH);
   if (lock_fd < 0) {
     printf("open QZ_FILE_LOCK_PATH failed!");
     fflush(stdout);
