@@ -12,6 +12,7 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "output/bcp_dataset.h"
+#include "netbar/netbar_terminal.h"
 #include "output/unsent.h"
 #include "status/bjson.h"
 
@@ -76,6 +77,15 @@ json_t *groups() {
   return all;
 }
 
+json_t *terminals() {
+  const netbar_terminal_counters &c = netbar_terminal_counts();
+  json_t *t = json_object();
+  json_object_set_new(t, "now", number(c.now));
+  json_object_set_new(t, "peak", number(c.peak));
+  json_object_set_new(t, "refused", number(c.refused));
+  return t;
+}
+
 }  // namespace
 
 int stats_write(time_t started) {
@@ -85,6 +95,7 @@ int stats_write(time_t started) {
   json_object_set_new(root, "feeds", feeds());
   json_object_set_new(root, "datasets", datasets());
   json_object_set_new(root, "groups", groups());
+  json_object_set_new(root, "terminals", terminals());
   char *text = json_dumps(root, JSON_PRESERVE_ORDER);
   json_decref(root);
   int rc = -1;
