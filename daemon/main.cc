@@ -17,6 +17,7 @@
 #include "daemon/stats.h"
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
+#include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
@@ -73,6 +74,19 @@ void durable_stop_signals() {
   sigaction(SIGINT, &sa, nullptr);
 }
 
+// Dispositions a parent may have left: with SIGCHLD ignored the kernel
+// reaps every command before its status can be read, and a console or
+// syslog reader going away must not end the daemon by SIGPIPE (its writes
+// fail instead, and are dropped).
+void known_signal_dispositions() {
+  struct sigaction sa = {};
+  sigemptyset(&sa.sa_mask);
+  sa.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &sa, nullptr);
+  sa.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &sa, nullptr);
+}
+
 const struct option long_options[] = {
     {"debug", required_argument, nullptr, 'D'},
     {nullptr, 0, nullptr, 0},
@@ -88,6 +102,7 @@ void lock_file_release() {
 }  // namespace
 
 int main(int argc, char *argv[]) {
+  known_signal_dispositions();
   int opt;
   while ((opt = getopt_long(argc, argv, "D", long_options, nullptr)) != -1) {
     if (opt == 'D') {
@@ -99,7 +114,8 @@ int main(int argc, char *argv[]) {
   }
 
   static const char lock_failed[] = "can not get file lock or open file failed";
-  lock_fd = open(QZ_FILE_LOCK_PATH, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  // Anything but a plain file of our own there counts as a failed open.
+  lock_fd = fixed_file_open_lock(QZ_FILE_LOCK_PATH);
   if (lock_fd < 0) {
     printf("open QZ_FILE_LOCK_PATH failed!");
     fflush(stdout);

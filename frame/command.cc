@@ -103,7 +103,14 @@ pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
   }
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+  // The daemon ignores SIGPIPE; its commands (pipelines that end early)
+  // are killed by it as anywhere else, and wait for their own children.
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  sigaddset(&defaults, SIGCHLD);
+  posix_spawnattr_setsigdefault(&attr, &defaults);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF);
   posix_spawnattr_setpgroup(&attr, 0);
   char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(cmd),
                         nullptr};
@@ -115,12 +122,15 @@ pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
 }
 
 // Waits for the child while reading its output (if any) and the feeds;
-// kills it when its deadline passes (then *killed is set).
+// kills it when its deadline passes (then *killed is set). -1 when the
+// child could not be waited for: with SIGCHLD ignored the kernel reaps it
+// and the wait ends in ECHILD, which says nothing about how it ended.
 int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
                const command_deadline &deadline, bool *killed) {
   unique_fd pidfd(open_pidfd(pid));
   int status = 0;
   bool exited = false;
+  bool lost = false;
   for (;;) {
     pollfd fds[FEED_MAX_SOURCES + 3];
     int feeds[FEED_MAX_SOURCES];
@@ -153,6 +163,7 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
       pid_t r = waitpid(pid, &status, WNOHANG);
       if (r == pid || (r < 0 && errno != EINTR))
         exited = true;
+      lost = r < 0 && errno != EINTR;
     }
     if (exited && !out)
       break;
@@ -183,6 +194,7 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
         r = waitpid(pid, &status, 0);
       while (r < 0 && errno == EINTR);
       exited = true;
+      lost = r < 0;
     }
     const bool stopping = deadline.ends_with_daemon && eloop_terminated();
     if ((stopping || deadline.passed()) && !(exited && !out)) {
@@ -192,10 +204,13 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
     }
   }
   if (!exited) {
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    pid_t r;
+    do
+      r = waitpid(pid, &status, 0);
+    while (r < 0 && errno == EINTR);
+    lost = r < 0;
   }
-  return status;
+  return lost ? -1 : status;
 }
 
 int real_system(const char *cmd, command_limit limit) {
@@ -222,7 +237,7 @@ int real_read(const char *cmd, std::string *out, size_t max, command_limit limit
   wr.reset();
   bool killed = false;
   const int status = wait_child(pid, std::move(rd), out, max, deadline, &killed);
-  if (killed) {
+  if (killed || status == -1) {
     out->clear();  // a listing cut anywhere, even inside a MAC
     return -1;
   }

@@ -18,7 +18,26 @@ struct netbar_terminal {
   char field_strength[32];
   // The MAC as received: the table's key, owned here.
   char key[32];
+  // The table's age list, oldest first.
+  netbar_terminal *older;
+  netbar_terminal *newer;
 };
+
+// The most terminals the table holds. A terminal coming online when it is
+// full ends the one that has been online longest: its offline record is
+// written then, as if its offline message had come. At this size that one
+// is almost always a terminal whose offline message was lost.
+constexpr size_t NETBAR_TERMINALS_MAX = 16384;
+
+struct netbar_terminal_counters {
+  uint64_t now;      // terminals online
+  uint64_t peak;     // the most ever online at once
+  uint64_t refused;  // terminals the full table ended to make room
+};
+const netbar_terminal_counters &netbar_terminal_counts();
+// One WARN when the full table ended terminals since the last report, with
+// how many. Called every 5-s tick.
+void netbar_terminal_report();
 
 // Writes the terminal's WA_SOURCE_FJ_0001 record: online, or offline with
 // the current time as its end. Records show the MACs in record form; the
