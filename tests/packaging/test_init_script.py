@@ -9,11 +9,13 @@ import json
 import os
 import shutil
 import stat
+import subprocess
 import tempfile
 import unittest
 
 import qz_sandbox
-from openwrt_stubs import (CONF, KEYS, SHELLS, SHIPPED_UCI, STUBS, InitRun, uci_text)
+from openwrt_stubs import (CONF, KEYS, ROOT, SHELLS, SHIPPED_UCI, STUBS, UCI_DEFAULTS, InitRun,
+                           env, uci_text)
 
 # Shell and JSON metacharacters, quotes of both kinds, a backslash and
 # UTF-8: all must reach the JSON file as they are, and none a shell.
@@ -277,3 +279,60 @@ class InitScriptTest(unittest.TestCase):
                 run = self.start(shell, path=bin_dir)
                 self.assert_refused(run, "wput is not on PATH (%s); it sends every upload" % bin_dir)
                 self.assertFalse(os.path.lexists(CONF))
+
+
+class UciDefaultsTest(unittest.TestCase):
+    """The uci-defaults script, run after an install or upgrade: only a
+    router that ran the daemon on its own JSON file before the UCI file
+    existed is switched to enabled 1 and use_uci 0."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.sb = qz_sandbox.Sandbox(ftp=False)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.sb.close()
+
+    def test_upgrade(self):
+        with open(SHIPPED_UCI, encoding="utf-8") as f:
+            shipped = f.read()
+        with open(os.path.join(ROOT, "packaging", "qz_fh_audit.json.example"), "rb") as f:
+            placeholder = f.read()
+        in_service = json.dumps(expected_json()).encode()
+        configured = uci_text(options())
+        by_hand_off = uci_text(options(enabled="0", use_uci="0"))
+        # (case, JSON file or None, UCI file, enabled and use_uci after).
+        cases = [
+            ("fresh install", placeholder, shipped, ("0", "1")),
+            ("no JSON file", None, shipped, ("0", "1")),
+            ("upgrade of a router in service", in_service, shipped, ("1", "0")),
+            ("configured with UCI", in_service, configured, ("1", "1")),
+            ("switched off by hand", in_service, by_hand_off, ("0", "0")),
+        ]
+        for shell in SHELLS:
+            for name, conf, uci, after in cases:
+                with self.subTest(shell=shell, case=name):
+                    work = tempfile.mkdtemp(dir=self.sb.private)
+                    self.addCleanup(shutil.rmtree, work)
+                    os.mkdir(os.path.join(work, "config"))
+                    with open(os.path.join(work, "config", "qz_fh_audit"), "w",
+                              encoding="utf-8") as f:
+                        f.write(uci)
+                    if os.path.lexists(CONF):
+                        os.unlink(CONF)
+                    if conf is not None:
+                        with open(CONF, "wb") as f:
+                            f.write(conf)
+                    e = env(work)
+                    r = subprocess.run(SHELLS[shell] + [UCI_DEFAULTS], env=e,
+                                       capture_output=True, timeout=60)
+                    self.assertEqual(r.returncode, 0, r.stderr)
+                    got = tuple(subprocess.run([os.path.join(STUBS, "bin", "uci"), "get",
+                                                "qz_fh_audit.main." + o], env=e,
+                                               capture_output=True, text=True).stdout.strip()
+                                for o in ("enabled", "use_uci"))
+                    self.assertEqual(got, after)
+                    if conf is not None:
+                        with open(CONF, "rb") as f:
+                            self.assertEqual(f.read(), conf)
