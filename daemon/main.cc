@@ -153,9 +153,18 @@ int main(int argc, char *argv[]) {
   if (unsent_enabled())
     durable_stop_signals();
   report_timer_start();
-  source_group_init();
-  netbar_group_init();
-  bjson_report_init();
+  if (source_group_init() != 0) {
+    log_msg(ERROR, "terminal group set-up failed\n");
+    return -1;
+  }
+  // A router without one of the feeds (no kernel module, a socket taken)
+  // still records what the other brings.
+  if (netbar_group_init() != 0)
+    log_msg(ERROR, "a feed could not be opened: running without it\n");
+  if (bjson_report_init() != 0) {
+    log_msg(ERROR, "status report set-up failed\n");
+    return -1;
+  }
   for (int i = 0; i < bcp_group_count(); i++)
     archive_recover_leftovers(bcp_group_at(i));
   report_timer_init(&tick_report, tick_report_timer, REPORT_TICK_SECONDS,

@@ -96,29 +96,44 @@ void command_kill(pid_t pid, const command_deadline &deadline, bool stopping) {
 // the child's stdout goes there.
 pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
   posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (out_fd >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, close_fd);
-  }
+  if (posix_spawn_file_actions_init(&actions) != 0)
+    return -1;
   posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
+  if (posix_spawnattr_init(&attr) != 0) {
+    posix_spawn_file_actions_destroy(&actions);
+    return -1;
+  }
   // The daemon ignores SIGPIPE; its commands (pipelines that end early)
   // are killed by it as anywhere else, and wait for their own children.
   sigset_t defaults;
   sigemptyset(&defaults);
   sigaddset(&defaults, SIGPIPE);
   sigaddset(&defaults, SIGCHLD);
-  posix_spawnattr_setsigdefault(&attr, &defaults);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF);
-  posix_spawnattr_setpgroup(&attr, 0);
+  // No command reads the daemon's standard input (a terminal under -D).
+  int rc = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (rc == 0 && out_fd >= 0) {
+    rc = posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
+    if (rc == 0)
+      rc = posix_spawn_file_actions_addclose(&actions, close_fd);
+  }
+  if (rc == 0)
+    rc = posix_spawnattr_setsigdefault(&attr, &defaults);
+  if (rc == 0)
+    rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF);
+  if (rc == 0)
+    rc = posix_spawnattr_setpgroup(&attr, 0);
   char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(cmd),
                         nullptr};
   pid_t pid = -1;
-  int rc = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
+  if (rc == 0)
+    rc = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
-  return rc == 0 ? pid : -1;
+  if (rc != 0) {
+    log_msg(ERROR, "cannot start /bin/sh: %s\n", strerror(rc));
+    return -1;
+  }
+  return pid;
 }
 
 // Waits for the child while reading its output (if any) and the feeds;

@@ -151,10 +151,6 @@ ssize_t netlink_receive(int sock, uint8_t *buf, size_t cap) {
   return recvmsg(sock, &msg, MSG_DONTWAIT);
 }
 
-int netlink_feed = -1;
-
-void netbar_netlink_recv_callback(int, void *, void *) { feed_queue_serve(netlink_feed); }
-
 void netlink_send(int sock) {
   uint8_t reg[REGISTRATION_SIZE] = {};
   nlmsghdr hdr = {};
@@ -192,14 +188,12 @@ int open_netlink_socket() {
   }
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &NETLINK_RCVBUF, sizeof(NETLINK_RCVBUF)) != 0)
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &NETLINK_RCVBUF, sizeof(NETLINK_RCVBUF));
-  if (eloop_add_reader(fd, netbar_netlink_recv_callback, nullptr, nullptr) != 0) {
+  if (feed_queue_add_source(feed_source_desc{"http", fd, NETLINK_MSG_MAX, true, netlink_receive,
+                                             netbar_netlink_process, netlink_recv_failed}) < 0) {
     log_msg_as(func, ERROR, "register read catcher fd fail\n");
     close(fd);
     return -1;
   }
-  netlink_feed =
-      feed_queue_add_source(feed_source_desc{"http", fd, NETLINK_MSG_MAX, true, netlink_receive,
-                                             netbar_netlink_process, netlink_recv_failed});
   return fd;
 }
 

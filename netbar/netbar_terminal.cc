@@ -290,10 +290,6 @@ ssize_t shell_receive(int sock, uint8_t *buf, size_t cap) {
   return recvfrom(sock, buf, cap, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &from_len);
 }
 
-int shell_feed = -1;
-
-void netbar_recv_callback(int, void *, void *) { feed_queue_serve(shell_feed); }
-
 int netbar_create_unix_sock() {
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
@@ -395,14 +391,13 @@ int netbar_terminal_init(bcp_dataset *ds) {
     log_msg_as(func, ERROR, "init shell fd failed!\n");
     return -1;
   }
-  if (eloop_add_reader(fd, netbar_recv_callback, nullptr, nullptr) != 0) {
+  if (feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX, false,
+                                             shell_receive, netbar_shell_process,
+                                             shell_recv_failed}) < 0) {
     close(fd);
     return -1;
   }
   log_msg_as(func, DEBUG, "init shell fd success!\n");
-  shell_feed = feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX,
-                                                      false, shell_receive, netbar_shell_process,
-                                                      shell_recv_failed});
   return 0;
 }
 

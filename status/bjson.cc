@@ -133,10 +133,10 @@ const upload_counters &bjson_upload_counters() { return bjson_uploads; }
 
 void bjson_tick() { spool_dir_check(status_dir, &bjson_uploads, true); }
 
-void bjson_report_init() {
+int bjson_report_init() {
   bjson_node_table = str_table_new();
   if (!bjson_node_table)
-    return;
+    return -1;
   report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS,
                     {report_owner_new(), report_phase::records});
   report_timer_add(&bjson_timer);
@@ -150,4 +150,5 @@ void bjson_report_init() {
   qz2fh_delete_dir_file(status_dir);
   qz2fh_create_dir(status_dir);
   spool_dir_check(status_dir, &bjson_uploads, false);
+  return 0;
 }

@@ -116,7 +116,8 @@ static_assert(std::size(source_datasets) == BCP_GROUP_DATASETS, "six datasets");
 
 }  // namespace
 
-void source_group_init() {
+int source_group_init() {
   bcp_group_init(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE", "source_report_timer",
                  group_archive_timer, source_datasets, BCP_GROUP_DATASETS);
+  return 0;
 }
