@@ -67,7 +67,7 @@ void BM_write(benchmark::State &state) {
     source_basic_1002_write(mac);
     if (++n == BATCH) {
       state.PauseTiming();
-      source_report_timer(nullptr);  // closes the open file, deletes all
+      group_archive_cycle(&source_group);  // closes the open file, deletes all
       n = 0;
       state.ResumeTiming();
     }

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "frame/log.h"
 #include "frame/paths.h"
@@ -114,10 +115,30 @@ const char *config_get_string(json_t *doc, const config_attr &attr) {
 constexpr char UNSENT_DIR_KEY[] = "fh_unsent_dir";
 constexpr size_t UNSENT_DIR_MAX = 128;
 
+// The path as the kernel reads it when no link is involved: "//", "/./"
+// and a trailing "/" or "/." dropped, so that "//tmp", "/./tmp" and
+// "/tmp//145/" compare as what they name. ".." is refused before.
+std::string canonical_path(std::string_view path) {
+  std::string out;
+  while (!path.empty()) {
+    const size_t slash = path.find('/');
+    const std::string_view part = path.substr(0, slash);
+    if (!part.empty() && part != ".") {
+      out += '/';
+      out += part;
+    }
+    if (slash == std::string_view::npos)
+      break;
+    path.remove_prefix(slash + 1);
+  }
+  return out.empty() ? "/" : out;
+}
+
 // The directory is created and written by the daemon and named in the
 // README as the place for unsent files, so it must be a plain absolute
 // path that cannot reach above itself or into the spool directories,
-// which are emptied at every cycle.
+// which are emptied at every cycle (nor be /tmp, whose group directories
+// are the spool directories).
 bool unsent_dir_ok(const char *s, size_t len) {
   if (len == 0 || len > UNSENT_DIR_MAX || s[0] != '/' || strstr(s, "..") != nullptr)
     return false;
@@ -127,9 +148,7 @@ bool unsent_dir_ok(const char *s, size_t len) {
           c == '_' || c == '-' || c == '.'))
       return false;
   }
-  std::string path(s, len);
-  while (path.size() > 1 && path.back() == '/')
-    path.pop_back();
+  const std::string path = canonical_path(std::string_view(s, len));
   if (path == "/tmp")
     return false;
   for (const char *spool : {"/tmp/144", "/tmp/145", "/tmp/146"}) {

@@ -17,6 +17,7 @@
 #include "daemon/stats.h"
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
+#include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
@@ -73,6 +74,19 @@ void durable_stop_signals() {
   sigaction(SIGINT, &sa, nullptr);
 }
 
+// Dispositions a parent may have left: with SIGCHLD ignored the kernel
+// reaps every command before its status can be read, and a console or
+// syslog reader going away must not end the daemon by SIGPIPE (its writes
+// fail instead, and are dropped).
+void known_signal_dispositions() {
+  struct sigaction sa = {};
+  sigemptyset(&sa.sa_mask);
+  sa.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &sa, nullptr);
+  sa.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &sa, nullptr);
+}
+
 const struct option long_options[] = {
     {"debug", required_argument, nullptr, 'D'},
     {nullptr, 0, nullptr, 0},
@@ -88,6 +102,7 @@ void lock_file_release() {
 }  // namespace
 
 int main(int argc, char *argv[]) {
+  known_signal_dispositions();
   int opt;
   while ((opt = getopt_long(argc, argv, "D", long_options, nullptr)) != -1) {
     if (opt == 'D') {
@@ -99,7 +114,8 @@ int main(int argc, char *argv[]) {
   }
 
   static const char lock_failed[] = "can not get file lock or open file failed";
-  lock_fd = open(QZ_FILE_LOCK_PATH, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  // Anything but a plain file of our own there counts as a failed open.
+  lock_fd = fixed_file_open_lock(QZ_FILE_LOCK_PATH);
   if (lock_fd < 0) {
     printf("open QZ_FILE_LOCK_PATH failed!");
     fflush(stdout);
@@ -137,9 +153,18 @@ int main(int argc, char *argv[]) {
   if (unsent_enabled())
     durable_stop_signals();
   report_timer_start();
-  source_group_init();
-  netbar_group_init();
-  bjson_report_init();
+  if (source_group_init() != 0) {
+    log_msg(ERROR, "terminal group set-up failed\n");
+    return -1;
+  }
+  // A router without one of the feeds (no kernel module, a socket taken)
+  // still records what the other brings.
+  if (netbar_group_init() != 0)
+    log_msg(ERROR, "a feed could not be opened: running without it\n");
+  if (bjson_report_init() != 0) {
+    log_msg(ERROR, "status report set-up failed\n");
+    return -1;
+  }
   for (int i = 0; i < bcp_group_count(); i++)
     archive_recover_leftovers(bcp_group_at(i));
   report_timer_init(&tick_report, tick_report_timer, REPORT_TICK_SECONDS,

@@ -2,12 +2,17 @@
 
 #include <jansson.h>
 
-#include <cstdio>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "frame/feed_queue.h"
+#include "frame/fixed_file.h"
+#include "frame/log.h"
 #include "frame/paths.h"
 #include "output/bcp_dataset.h"
+#include "netbar/netbar_terminal.h"
 #include "output/unsent.h"
 #include "status/bjson.h"
 
@@ -75,6 +80,15 @@ json_t *groups() {
   return all;
 }
 
+json_t *terminals() {
+  const netbar_terminal_counters &c = netbar_terminal_counts();
+  json_t *t = json_object();
+  json_object_set_new(t, "now", number(c.now));
+  json_object_set_new(t, "peak", number(c.peak));
+  json_object_set_new(t, "refused", number(c.refused));
+  return t;
+}
+
 }  // namespace
 
 int stats_write(time_t started) {
@@ -84,16 +98,24 @@ int stats_write(time_t started) {
   json_object_set_new(root, "feeds", feeds());
   json_object_set_new(root, "datasets", datasets());
   json_object_set_new(root, "groups", groups());
-  static const char tmp[] = QZ_STATS_PATH ".tmp";
-  FILE *fp = fopen(tmp, "we");
-  int rc = -1;
-  if (fp) {
-    const bool written = json_dumpf(root, fp, JSON_PRESERVE_ORDER) == 0 && fputc('\n', fp) != EOF;
-    if (fclose(fp) == 0 && written && rename(tmp, QZ_STATS_PATH) == 0)
-      rc = 0;
-    else
-      remove(tmp);
-  }
+  json_object_set_new(root, "terminals", terminals());
+  char *text = json_dumps(root, JSON_PRESERVE_ORDER);
   json_decref(root);
+  int rc = -1;
+  int err = ENOMEM;
+  if (text) {
+    std::string data(text);
+    free(text);
+    data += '\n';
+    // Readable by a monitoring agent of another account: counts and a
+    // zip's name, nothing personal.
+    rc = fixed_file_replace(QZ_STATS_PATH, data.data(), data.size(), 0644);
+    err = errno;
+  }
+  // Once per run of failures: the file's "now" stands still meanwhile.
+  static bool failing;
+  if (rc != 0 && !failing)
+    log_msg(WARN, "counters not written to %s: %s\n", QZ_STATS_PATH, strerror(err));
+  failing = rc != 0;
   return rc;
 }

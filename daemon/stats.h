@@ -5,6 +5,7 @@
 
 #include <ctime>
 
-// Writes QZ_STATS_PATH atomically (a temporary file, then a rename). 0, or
-// -1 when it could not be written.
+// Writes QZ_STATS_PATH atomically (a temporary file of its own, then a
+// rename). 0, or -1 when it could not be written (logged at WARN once until
+// it can be again).
 int stats_write(time_t started);

@@ -96,31 +96,56 @@ void command_kill(pid_t pid, const command_deadline &deadline, bool stopping) {
 // the child's stdout goes there.
 pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
   posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (out_fd >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, close_fd);
-  }
+  if (posix_spawn_file_actions_init(&actions) != 0)
+    return -1;
   posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-  posix_spawnattr_setpgroup(&attr, 0);
+  if (posix_spawnattr_init(&attr) != 0) {
+    posix_spawn_file_actions_destroy(&actions);
+    return -1;
+  }
+  // The daemon ignores SIGPIPE; its commands (pipelines that end early)
+  // are killed by it as anywhere else, and wait for their own children.
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  sigaddset(&defaults, SIGCHLD);
+  // No command reads the daemon's standard input (a terminal under -D).
+  int rc = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (rc == 0 && out_fd >= 0) {
+    rc = posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
+    if (rc == 0)
+      rc = posix_spawn_file_actions_addclose(&actions, close_fd);
+  }
+  if (rc == 0)
+    rc = posix_spawnattr_setsigdefault(&attr, &defaults);
+  if (rc == 0)
+    rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF);
+  if (rc == 0)
+    rc = posix_spawnattr_setpgroup(&attr, 0);
   char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(cmd),
                         nullptr};
   pid_t pid = -1;
-  int rc = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
+  if (rc == 0)
+    rc = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
-  return rc == 0 ? pid : -1;
+  if (rc != 0) {
+    log_msg(ERROR, "cannot start /bin/sh: %s\n", strerror(rc));
+    return -1;
+  }
+  return pid;
 }
 
 // Waits for the child while reading its output (if any) and the feeds;
-// kills it when its deadline passes (then *killed is set).
+// kills it when its deadline passes (then *killed is set). -1 when the
+// child could not be waited for: with SIGCHLD ignored the kernel reaps it
+// and the wait ends in ECHILD, which says nothing about how it ended.
 int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
                const command_deadline &deadline, bool *killed) {
   unique_fd pidfd(open_pidfd(pid));
   int status = 0;
   bool exited = false;
+  bool lost = false;
   for (;;) {
     pollfd fds[FEED_MAX_SOURCES + 3];
     int feeds[FEED_MAX_SOURCES];
@@ -153,6 +178,7 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
       pid_t r = waitpid(pid, &status, WNOHANG);
       if (r == pid || (r < 0 && errno != EINTR))
         exited = true;
+      lost = r < 0 && errno != EINTR;
     }
     if (exited && !out)
       break;
@@ -183,6 +209,7 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
         r = waitpid(pid, &status, 0);
       while (r < 0 && errno == EINTR);
       exited = true;
+      lost = r < 0;
     }
     const bool stopping = deadline.ends_with_daemon && eloop_terminated();
     if ((stopping || deadline.passed()) && !(exited && !out)) {
@@ -192,10 +219,13 @@ int wait_child(pid_t pid, unique_fd out, std::string *text, size_t max,
     }
   }
   if (!exited) {
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    pid_t r;
+    do
+      r = waitpid(pid, &status, 0);
+    while (r < 0 && errno == EINTR);
+    lost = r < 0;
   }
-  return status;
+  return lost ? -1 : status;
 }
 
 int real_system(const char *cmd, command_limit limit) {
@@ -222,7 +252,7 @@ int real_read(const char *cmd, std::string *out, size_t max, command_limit limit
   wr.reset();
   bool killed = false;
   const int status = wait_child(pid, std::move(rd), out, max, deadline, &killed);
-  if (killed) {
+  if (killed || status == -1) {
     out->clear();  // a listing cut anywhere, even inside a MAC
     return -1;
   }

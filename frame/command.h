@@ -22,12 +22,13 @@ constexpr command_limit COMMAND_ZIP = {120, false};
 constexpr command_limit COMMAND_UPLOAD = {120, true};
 
 // Runs cmd with the daemon's standard output and error. Returns the wait
-// status as system(3) does, or -1 when no process could be started or it
-// was killed.
+// status as system(3) does, or -1 when no process could be started, it was
+// killed, or it could not be waited for (ECHILD).
 int command_system(const char *cmd, command_limit limit = COMMAND_LOCAL);
 // Runs cmd with its standard output captured into out (at most max bytes
 // kept, the rest read and discarded). Returns the wait status, or -1 when
-// no process could be started or it was killed (then out is empty).
+// no process could be started, it was killed or it could not be waited for
+// (then out is empty).
 int command_read(const char *cmd, std::string *out, size_t max,
                  command_limit limit = COMMAND_PROBE);
 

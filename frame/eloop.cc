@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+
+#include "frame/log.h"
 
 namespace {
 
@@ -141,8 +144,10 @@ int run_pass(fd_set *rfds, fd_set *wfds, fd_set *efds) {
       max_sock = terminate_pipe[0];
   }
   int res = select(max_sock + 1, rfds, wfds, efds, wait);
-  if (res < 0 && errno != EINTR && errno != 0)
+  if (res < 0 && errno != EINTR && errno != 0) {
+    log_msg(ERROR, "select failed: %s\n", strerror(errno));
     return 1;
+  }
   if (terminated)
     return 1;
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "frame/eloop.h"
 #include "frame/log.h"
 
 namespace {
@@ -206,12 +207,25 @@ void handle_first(feed_source &s) {
 
 }  // namespace
 
+namespace {
+
+// The loop's read callback of every feed: its source comes as the data.
+void serve_ready(int, void *eloop_data, void *) {
+  feed_queue_serve(static_cast<int>(static_cast<feed_source *>(eloop_data) - sources));
+}
+
+}  // namespace
+
 int feed_queue_add_source(const feed_source_desc &desc) {
   if (source_count >= FEED_MAX_SOURCES || desc.max_len > FEED_MESSAGE_MAX || !desc.receive ||
       !desc.process)
     return -1;
-  sources[source_count] = feed_source{};
-  sources[source_count].desc = desc;
+  // The reader exists only once its source does.
+  feed_source &s = sources[source_count];
+  s = feed_source{};
+  s.desc = desc;
+  if (eloop_add_reader(desc.fd, serve_ready, &s, nullptr) != 0)
+    return -1;
   return source_count++;
 }
 

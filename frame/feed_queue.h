@@ -51,6 +51,9 @@ struct feed_counters {
 
 // Registers a feed. Its index, or -1 when the table is full or max_len too
 // large.
+// Adds a feed and registers its socket's read callback with the loop,
+// which serves the feed. Its index, or -1 when there is no room or the
+// loop refused the socket.
 int feed_queue_add_source(const feed_source_desc &desc);
 int feed_queue_source_count();
 int feed_queue_source_fd(int index);

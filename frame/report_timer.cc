@@ -18,11 +18,11 @@ bool runs_before(const report_order &a, const report_order &b) {
 unsigned report_owner_new() { return owners++; }
 
 void report_timer_init(report_timer *timer, report_result (*handler)(void *), uint32_t period,
-                       report_order order) {
+                       report_order order, void *arg) {
   timer->next = timer;
   timer->prev = timer;
   timer->handler = handler;
-  timer->arg = nullptr;
+  timer->arg = arg;
   timer->period = period;
   timer->order = order;
   timer->countdown = period;

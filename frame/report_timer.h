@@ -37,9 +37,9 @@ extern report_timer report_timer_list;
 // A place in the tick for a new owner of jobs, after every earlier one.
 unsigned report_owner_new();
 // Fills a job record, self-linked, ready for report_timer_add; its first
-// run is one period away.
+// run is one period away. The handler is called with arg.
 void report_timer_init(report_timer *timer, report_result (*handler)(void *), uint32_t period,
-                       report_order order);
+                       report_order order, void *arg = nullptr);
 // Arms the first tick. Called once, before any job is added.
 void report_timer_start();
 // Puts a job into the list at its place.

@@ -10,6 +10,7 @@
 #include "frame/command.h"
 #include "frame/eloop.h"
 #include "netbar/netbar_group.h"
+#include "output/archive.h"
 #include "tests/private_tmp.h"
 
 namespace {
@@ -83,5 +84,5 @@ void fuzz_setup_netbar() {
 void fuzz_maybe_archive() {
   static unsigned calls;
   if (++calls % 20000 == 0)
-    netbar_report_timer(nullptr);
+    group_archive_cycle(&netbar_group);
 }

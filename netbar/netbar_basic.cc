@@ -4,13 +4,9 @@
 
 #include "config/identity.h"
 #include "frame/log.h"
-#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
-#include "output/wtps_scan.h"
 
 namespace {
-
-report_timer basic_0001_timer, basic_0002_timer, basic_0003_1_timer, basic_0003_2_timer;
 
 // The place: the terminal group's place record with three more empty
 // columns before the vendor code, which has other texts here.
@@ -51,69 +47,48 @@ constexpr bcp_column<ap_record> basic_0003_2_columns[] = {
     {{"C030002", "CAR_CODE", "车牌号码"}, bcp_put_empty},
 };
 
-bcp_dataset *dataset(int index) { return &netbar_group.datasets[index]; }
+// The group's four datasets of these records, in the order of their writers.
+bcp_dataset *basic_datasets;
+enum { BASIC_0001, BASIC_0002, BASIC_0003_1, BASIC_0003_2 };
+
+bcp_dataset *dataset(int index) { return &basic_datasets[index]; }
+
+}  // namespace
 
 // The writers: the place, the vendor, and two records for one scanned
 // access point. They log under the names their records have always been
 // logged under.
 int netbar_basic_0001_write() {
-  return bcp_emit("netbar_basic_0001_business_handle", dataset(NETBAR_BASIC_0001),
+  return bcp_emit("netbar_basic_0001_business_handle", dataset(BASIC_0001),
                   basic_0001_columns, bcp_fixed_record{});
 }
 
 int netbar_basic_0002_write() {
-  return bcp_emit("netbar_basic_0002_business_handle", dataset(NETBAR_BASIC_0002),
+  return bcp_emit("netbar_basic_0002_business_handle", dataset(BASIC_0002),
                   basic_0002_columns, bcp_fixed_record{});
 }
 
 int netbar_basic_0003_1_write(const char *mac) {
-  return bcp_emit_ap_record("netbar_basic_0003_1_business_handle", dataset(NETBAR_BASIC_0003_1),
+  return bcp_emit_ap_record("netbar_basic_0003_1_business_handle", dataset(BASIC_0003_1),
                             basic_0003_1_columns, mac, true);
 }
 
 int netbar_basic_0003_2_write(const char *mac) {
-  return bcp_emit_ap_record("netbar_basic_0003_2_business_handle", dataset(NETBAR_BASIC_0003_2),
+  return bcp_emit_ap_record("netbar_basic_0003_2_business_handle", dataset(BASIC_0003_2),
                             basic_0003_2_columns, mac, true);
 }
 
-report_result netbar_basic_0001_report_timer(void *) {
-  netbar_basic_0001_write();
-  return report_result::done;
-}
+void netbar_basic_init(bcp_dataset *datasets) { basic_datasets = datasets; }
 
-report_result netbar_basic_0002_report_timer(void *) {
-  netbar_basic_0002_write();
-  return report_result::done;
-}
-
-report_result netbar_basic_0003_1_report_timer(void *) {
-  return wtps_scan(netbar_basic_0003_1_write, __func__);
-}
-
-report_result netbar_basic_0003_2_report_timer(void *) {
-  return wtps_scan(netbar_basic_0003_2_write, __func__);
-}
-
-}  // namespace
-
-void netbar_basic_0001_init() {
-  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0001), "WA_BASIC_FJ_0001", basic_0001_columns,
-                            BCP_STYLE_PLAIN, &basic_0001_timer, netbar_basic_0001_report_timer);
-}
-
-void netbar_basic_0002_init() {
-  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0002), "WA_BASIC_FJ_0002", basic_0002_columns,
-                            BCP_STYLE_PLAIN, &basic_0002_timer, netbar_basic_0002_report_timer);
-}
-
-void netbar_basic_0003_1_init() {
-  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_1), "WA_BASIC_FJ_0003_1",
-                            basic_0003_1_columns, BCP_STYLE_PLAIN, &basic_0003_1_timer,
-                            netbar_basic_0003_1_report_timer);
-}
-
-void netbar_basic_0003_2_init() {
-  bcp_periodic_dataset_init(dataset(NETBAR_BASIC_0003_2), "WA_BASIC_FJ_0003_2",
-                            basic_0003_2_columns, BCP_STYLE_PLAIN, &basic_0003_2_timer,
-                            netbar_basic_0003_2_report_timer);
-}
+const bcp_dataset_spec netbar_basic_datasets[NETBAR_BASIC_DATASETS] = {
+    {"WA_BASIC_FJ_0001", [] { return bcp_make_template(basic_0001_columns, BCP_STYLE_PLAIN); },
+     netbar_basic_0001_write, nullptr, "netbar_basic_0001_report_timer", REPORT_COUNTDOWN_SECONDS},
+    {"WA_BASIC_FJ_0002", [] { return bcp_make_template(basic_0002_columns, BCP_STYLE_PLAIN); },
+     netbar_basic_0002_write, nullptr, "netbar_basic_0002_report_timer", REPORT_COUNTDOWN_SECONDS},
+    {"WA_BASIC_FJ_0003_1", [] { return bcp_make_template(basic_0003_1_columns, BCP_STYLE_PLAIN); },
+     nullptr, netbar_basic_0003_1_write, "netbar_basic_0003_1_report_timer",
+     REPORT_COUNTDOWN_SECONDS},
+    {"WA_BASIC_FJ_0003_2", [] { return bcp_make_template(basic_0003_2_columns, BCP_STYLE_PLAIN); },
+     nullptr, netbar_basic_0003_2_write, "netbar_basic_0003_2_report_timer",
+     REPORT_COUNTDOWN_SECONDS},
+};

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 
-#include "config/identity.h"
 #include "frame/feed_queue.h"
 #include "frame/log.h"
 #include "frame/paths.h"
@@ -15,36 +14,25 @@
 
 bcp_group netbar_group;
 
-report_result netbar_report_timer(void *) {
-  group_archive_cycle(&netbar_group);
-  return report_result::done;
-}
-
-void netbar_group_init() {
+int netbar_group_init() {
+  // The feeds' datasets first, then the periodic ones, in index order.
+  static bcp_dataset_spec specs[BCP_GROUP_DATASETS] = {
+      {"WA_SOURCE_FJ_0001", netbar_0001_template, nullptr, nullptr, nullptr, 0},
+      {"WA_SOURCE_FJ_0002", netbar_0002_template, nullptr, nullptr, nullptr, 0},
+  };
+  static_assert(NETBAR_BASIC_0001 + NETBAR_BASIC_DATASETS == BCP_GROUP_DATASETS, "six datasets");
+  for (int i = 0; i < NETBAR_BASIC_DATASETS; i++)
+    specs[NETBAR_BASIC_0001 + i] = netbar_basic_datasets[i];
   bcp_group_init(&netbar_group, QZ2FH_NETBAR_TYPE, "QZ2FH_NETBAR_TYPE", "netbar_report_timer",
-                 netbar_report_timer);
-  netbar_init_sock();
-  init_netbar_0002();
-  netbar_basic_0001_init();
-  netbar_basic_0002_init();
-  netbar_basic_0003_1_init();
-  netbar_basic_0003_2_init();
+                 group_archive_timer, specs, BCP_GROUP_DATASETS);
+  netbar_basic_init(&netbar_group.datasets[NETBAR_BASIC_0001]);
+  const int terminal = netbar_terminal_init(&netbar_group.datasets[NETBAR_SOURCE_0001]);
+  const int netlink = netbar_netlink_init(&netbar_group.datasets[NETBAR_SOURCE_0002]);
+  return terminal == 0 && netlink == 0 ? 0 : -1;
 }
 
 void netbar_feeds_finish() {
   unlink(QZ_SHELL_SOCK_PATH);
   feed_queue_take_all();
   feed_queue_close_sources();
-}
-
-void netbar_session_id(char *out, const char *mac, unsigned long long when) {
-  char digits[64];
-  size_t n = 0;
-  for (const char *p = mac; *p && n < sizeof(digits) - 1; p++) {
-    if (*p == '-' || *p == ':')
-      continue;
-    digits[n++] = (*p >= 'A' && *p <= 'Z') ? static_cast<char>(*p - 'A' + 'a') : *p;
-  }
-  digits[n] = '\0';
-  snprintf(out, NETBAR_SESSION_ID_SIZE, "%s%s%llu", qz2fh_get_netbar_wacode(), digits, when);
 }

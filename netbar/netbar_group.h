@@ -2,8 +2,6 @@
 // HTTP events, and the place, vendor and access-point records.
 #pragma once
 
-#include <cstddef>
-
 #include "output/bcp_dataset.h"
 
 enum netbar_dataset_index {
@@ -17,18 +15,12 @@ enum netbar_dataset_index {
 
 extern bcp_group netbar_group;
 
-// Registers the group, empties and creates /tmp/145, opens both feeds and
-// sets up the six datasets with their timers.
-void netbar_group_init();
-// The group's archive timer.
-report_result netbar_report_timer(void *arg);
+// Registers the group, empties and creates /tmp/145, sets up the six
+// datasets with their timers and opens both feeds. 0, or -1 when a feed
+// could not be opened (logged; the daemon runs on without it).
+int netbar_group_init();
 // A stopping daemon takes in what its feeds hold, and no more: the datagram
 // socket's name goes first, so that a later send fails at its sender
 // instead of waiting in a socket that is about to close; then both sockets
 // are read to their end and closed.
 void netbar_feeds_finish();
-
-// Session id: place code, the MAC's hex digits in lower case (separators
-// dropped) and a time in seconds, cut to 64 characters.
-constexpr size_t NETBAR_SESSION_ID_SIZE = 65;
-void netbar_session_id(char *out, const char *mac, unsigned long long when);

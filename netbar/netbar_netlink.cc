@@ -17,7 +17,7 @@
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
 #include "frame/log.h"
-#include "netbar/netbar_group.h"
+#include "netbar/netbar_terminal.h"
 #include "output/bcp_values.h"
 
 namespace {
@@ -35,6 +35,7 @@ constexpr uint32_t HTTP_SRC_IP = 16777216;
 constexpr uint16_t HTTP_SRC_PORT = 256;
 
 int netlink_fd = -1;
+bcp_dataset *source_0002;  // where the feed's records go
 
 uint32_t read_u32(const uint8_t *p) {
   uint32_t v;
@@ -121,7 +122,7 @@ int netbar_0002_write(const netlink_http_event &event) {
   bcp_mac_record_form(wifi->ap_mac, r.ap_mac, sizeof(r.ap_mac));
   bcp_mac_record_form(event.mac, r.mac, sizeof(r.mac));
   snprintf(r.equipment_id, sizeof(r.equipment_id), "%s", qz2fh_get_equipment_id(r.ap_mac));
-  return bcp_emit(func, &netbar_group.datasets[NETBAR_SOURCE_0002], source_0002_columns, r);
+  return bcp_emit(func, source_0002, source_0002_columns, r);
 }
 
 namespace {
@@ -149,10 +150,6 @@ ssize_t netlink_receive(int sock, uint8_t *buf, size_t cap) {
   msghdr msg = one_buffer_msg(&from, &iov);
   return recvmsg(sock, &msg, MSG_DONTWAIT);
 }
-
-int netlink_feed = -1;
-
-void netbar_netlink_recv_callback(int, void *, void *) { feed_queue_serve(netlink_feed); }
 
 void netlink_send(int sock) {
   uint8_t reg[REGISTRATION_SIZE] = {};
@@ -191,14 +188,12 @@ int open_netlink_socket() {
   }
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &NETLINK_RCVBUF, sizeof(NETLINK_RCVBUF)) != 0)
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &NETLINK_RCVBUF, sizeof(NETLINK_RCVBUF));
-  if (eloop_add_reader(fd, netbar_netlink_recv_callback, nullptr, nullptr) != 0) {
+  if (feed_queue_add_source(feed_source_desc{"http", fd, NETLINK_MSG_MAX, true, netlink_receive,
+                                             netbar_netlink_process, netlink_recv_failed}) < 0) {
     log_msg_as(func, ERROR, "register read catcher fd fail\n");
     close(fd);
     return -1;
   }
-  netlink_feed =
-      feed_queue_add_source(feed_source_desc{"http", fd, NETLINK_MSG_MAX, true, netlink_receive,
-                                             netbar_netlink_process, netlink_recv_failed});
   return fd;
 }
 
@@ -246,13 +241,17 @@ bool netbar_netlink_process(const uint8_t *data, size_t len) {
   return true;
 }
 
-void init_netbar_0002() {
-  bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0002], "WA_SOURCE_FJ_0002",
-                   bcp_make_template(source_0002_columns, BCP_STYLE_WIDE_CLOSE));
+int netbar_netlink_init(bcp_dataset *ds) {
+  source_0002 = ds;
   netlink_fd = open_netlink_socket();
   if (netlink_fd < 0) {
-    log_msg(ERROR, "netbar 0002 init socket fail\n");
-    return;
+    log_msg_as("init_netbar_0002", ERROR, "netbar 0002 init socket fail\n");
+    return -1;
   }
   netlink_send(netlink_fd);
+  return 0;
+}
+
+const char *netbar_0002_template() {
+  return bcp_make_template(source_0002_columns, BCP_STYLE_WIDE_CLOSE);
 }

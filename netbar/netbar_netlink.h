@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "output/bcp_dataset.h"
+
 constexpr size_t NETLINK_MSG_MAX = 1040;
 // An event is at least this long; anything shorter is an error.
 constexpr size_t NETLINK_MSG_MIN = 72;
@@ -23,7 +25,12 @@ struct netlink_event {
 
 // The kernel netlink feed and WA_SOURCE_FJ_0002: sets up the dataset, then
 // the socket and its read callback, and registers with the kernel side.
-void init_netbar_0002();
+// Opens the netlink socket, registers the feed and the daemon with the
+// kernel module, and writes the feed's records to ds. 0, or -1 when the
+// socket could not be opened (logged; the daemon runs on without it).
+int netbar_netlink_init(bcp_dataset *ds);
+// The index template of WA_SOURCE_FJ_0002, built from its columns.
+const char *netbar_0002_template();
 // Handles one netlink message as received (at most 1040 bytes).
 bool netbar_netlink_process(const uint8_t *data, size_t len);
 

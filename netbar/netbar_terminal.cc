@@ -19,14 +19,15 @@
 #include "frame/feed_queue.h"
 #include "frame/log.h"
 #include "frame/paths.h"
+#include "frame/report_timer.h"
 #include "frame/str_table.h"
 #include "frame/text.h"
-#include "netbar/netbar_group.h"
 #include "output/bcp_values.h"
 
 namespace {
 
 constexpr size_t SHELL_HEADER = 4;
+bcp_dataset *source_0001;  // where the feed's records go
 
 struct auth_type_entry {
   uint16_t id;
@@ -43,6 +44,60 @@ constexpr auth_type_entry auth_type_map[] = {
 constexpr uint16_t AUTH_TYPE_WITH_ACCOUNT = 4;
 
 GHashTable *netbar_terminal_table;
+// Oldest and newest of the table's entries, linked through their records.
+netbar_terminal *oldest;
+netbar_terminal *newest;
+netbar_terminal_counters counters;
+uint64_t reported_refused;
+report_timer terminal_report;
+
+void age_list_append(netbar_terminal *t) {
+  t->older = newest;
+  t->newer = nullptr;
+  (newest ? newest->newer : oldest) = t;
+  newest = t;
+}
+
+void age_list_remove(netbar_terminal *t) {
+  (t->older ? t->older->newer : oldest) = t->newer;
+  (t->newer ? t->newer->older : newest) = t->older;
+  t->older = t->newer = nullptr;
+}
+
+// Every change of the table goes through these two, which keep the age
+// list and the counters with it.
+void terminal_put(netbar_terminal *t) {
+  auto *old = static_cast<netbar_terminal *>(str_table_get(netbar_terminal_table, t->key));
+  if (old) {
+    age_list_remove(old);
+  } else if (++counters.now > counters.peak) {
+    counters.peak = counters.now;
+  }
+  age_list_append(t);
+  str_table_put(netbar_terminal_table, t->key, t);
+}
+
+void terminal_del(netbar_terminal *t) {
+  age_list_remove(t);
+  counters.now--;
+  str_table_del(netbar_terminal_table, t->key);
+}
+
+// A new terminal and a full table: the longest online goes, with its
+// offline record.
+void make_room(const char *key) {
+  if (counters.now < NETBAR_TERMINALS_MAX || !oldest ||
+      str_table_get(netbar_terminal_table, key))
+    return;
+  netbar_0001_write(false, *oldest);
+  terminal_del(oldest);
+  counters.refused++;
+}
+
+report_result terminal_report_timer(void *) {
+  netbar_terminal_report();
+  return report_result::done;
+}
 
 // The type number as atoi reads it; a number out of range matches nothing.
 const auth_type_entry *auth_lookup(std::string_view token) {
@@ -70,7 +125,7 @@ bool netbar_terminal_offline(const netbar_shell_msg &msg) {
   if (!rec)
     return true;
   netbar_0001_write(false, *rec);
-  str_table_del(netbar_terminal_table, mac);
+  terminal_del(rec);
   return true;
 }
 
@@ -125,7 +180,8 @@ bool netbar_terminal_online(const netbar_shell_msg &msg) {
   } else {
     text_copy(msg.tokens[0], rec->account, sizeof(rec->account));
   }
-  str_table_put(netbar_terminal_table, rec->key, rec);
+  make_room(rec->key);
+  terminal_put(rec);
   netbar_0001_write(true, *rec);
   return true;
 }
@@ -216,8 +272,7 @@ int netbar_0001_write(bool online, const netbar_terminal &terminal) {
   const char *route_ip = qz2fh_get_route_ip();
   r.src_ip_number = route_ip ? netbar_ipv4_number(route_ip) : 0;
   // Logged under the name its records have always been logged under.
-  return bcp_emit("netbar_0001_business_handle", &netbar_group.datasets[NETBAR_SOURCE_0001],
-                  source_0001_columns, r) == 0
+  return bcp_emit("netbar_0001_business_handle", source_0001, source_0001_columns, r) == 0
              ? 0
              : -1;
 }
@@ -234,10 +289,6 @@ ssize_t shell_receive(int sock, uint8_t *buf, size_t cap) {
   socklen_t from_len = sizeof(from);
   return recvfrom(sock, buf, cap, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &from_len);
 }
-
-int shell_feed = -1;
-
-void netbar_recv_callback(int, void *, void *) { feed_queue_serve(shell_feed); }
 
 int netbar_create_unix_sock() {
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -309,21 +360,59 @@ bool netbar_shell_process(const uint8_t *data, size_t len) {
   return netbar_terminal_online(msg);
 }
 
-void netbar_init_sock() {
-  netbar_terminal_table = str_table_new();
-  if (!netbar_terminal_table)
+const netbar_terminal_counters &netbar_terminal_counts() { return counters; }
+
+void netbar_terminal_report() {
+  const uint64_t ended = counters.refused - reported_refused;
+  if (ended == 0)
     return;
+  reported_refused = counters.refused;
+  log_msg(WARN,
+          "terminal table full (%u): %llu terminals online longest ended since the last report, "
+          "their offline records written\n",
+          static_cast<unsigned>(NETBAR_TERMINALS_MAX), static_cast<unsigned long long>(ended));
+}
+
+int netbar_terminal_init(bcp_dataset *ds) {
+  // Reports under the set-up's name of old.
+  static const char func[] = "netbar_init_sock";
+  source_0001 = ds;
+  netbar_terminal_table = str_table_new();
+  oldest = newest = nullptr;
+  counters = {};
+  reported_refused = 0;
+  if (!netbar_terminal_table)
+    return -1;
+  report_timer_init(&terminal_report, terminal_report_timer, REPORT_TICK_SECONDS,
+                    report_order{report_owner_new(), report_phase::records});
+  report_timer_add(&terminal_report);
   int fd = netbar_create_unix_sock();
   if (fd < 0) {
-    log_msg(ERROR, "init shell fd failed!\n");
-  } else if (eloop_add_reader(fd, netbar_recv_callback, nullptr, nullptr) != 0) {
-    close(fd);
-  } else {
-    log_msg(DEBUG, "init shell fd success!\n");
-    shell_feed = feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX,
-                                                        false, shell_receive, netbar_shell_process,
-                                                        shell_recv_failed});
+    log_msg_as(func, ERROR, "init shell fd failed!\n");
+    return -1;
   }
-  bcp_dataset_init(&netbar_group.datasets[NETBAR_SOURCE_0001], "WA_SOURCE_FJ_0001",
-                   bcp_make_template(source_0001_columns, SOURCE_0001_STYLE));
+  if (feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX, false,
+                                             shell_receive, netbar_shell_process,
+                                             shell_recv_failed}) < 0) {
+    close(fd);
+    return -1;
+  }
+  log_msg_as(func, DEBUG, "init shell fd success!\n");
+  return 0;
+}
+
+const char *netbar_0001_template() {
+  return bcp_make_template(source_0001_columns, SOURCE_0001_STYLE);
+}
+
+void netbar_session_id(char *out, const char *mac, unsigned long long when) {
+  char digits[64];
+  size_t n = 0;
+  for (const char *p = mac; *p && n < sizeof(digits) - 1; p++) {
+    if (*p == '-' || *p == ':')
+      continue;
+    digits[n++] = (*p >= 'A' && *p <= 'Z') ? static_cast<char>(*p - 'A' + 'a') : *p;
+  }
+  digits[n] = '\0';
+  snprintf(out, NETBAR_SESSION_ID_SIZE, "%s%s%llu", qz2fh_get_netbar_wacode(), digits, when);
 }

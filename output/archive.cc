@@ -148,7 +148,7 @@ zip_result form_zip(bcp_group *g) {
   const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
   snprintf(st.zip_name, sizeof(st.zip_name), "%d-%s-%s-%s-%llu-%05d.zip", static_cast<int>(g->id),
            qz2fh_get_org_code(), qz2fh_get_source_str(), qz2fh_get_dst_str(), now, sequence);
-  const int status = upload_status(qz2fh_form_zip_file(g));
+  const int status = upload_status(qz2fh_form_zip_file(g->spool, st.zip_name));
   const zip_path zip(g);
   struct stat zst;
   if (status == 0 && lstat(zip.text, &zst) == 0 && trusted_dir_own_file(zst)) {
@@ -181,18 +181,21 @@ void spool_emptied(bcp_group *g) {
 
 }  // namespace
 
+report_result group_archive_timer(void *group) {
+  group_archive_cycle(static_cast<bcp_group *>(group));
+  return report_result::done;
+}
+
 void group_archive_cycle(bcp_group *g) {
   bcp_close_open_files(g);
   bool sent = true;  // a cycle with nothing of its own has no failed upload
   if (g->bcp_file_count != 0) {
     switch (form_zip(g)) {
-      case zip_result::formed: {
-        const int status = qz2fh_send_zip_file(g);
-        log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
-        sent = upload_done(&g->uploads, g->id, zip_path(g).text, status);
+      case zip_result::formed:
+        sent = upload_and_count(&g->uploads, g->id, g->spool, zip_path(g).text,
+                                {g->cycle_name, "form zip file", g->state.zip_name});
         spool_emptied(g);
         break;
-      }
       case zip_result::kept_back:
         sent = false;
         break;

@@ -9,6 +9,9 @@
 // durable mode a zip that could not be uploaded is kept, and kept files are
 // sent again once an upload has worked.
 void group_archive_cycle(bcp_group *group);
+// The archive timer of every group: group_archive_cycle of the group it
+// is given.
+report_result group_archive_timer(void *group);
 // Durable mode's stop: the same cycle, but the zip is kept for the next
 // start instead of being uploaded.
 void group_archive_keep(bcp_group *group);

@@ -15,12 +15,33 @@
 #include "output/archive.h"
 #include "output/trusted_dir.h"
 #include "output/unsent.h"
+#include "output/wtps_scan.h"
 
 namespace {
 
 bcp_group *groups[BCP_MAX_GROUPS];
 int group_count;
 bool unflushed;  // a line was written since the last flush
+
+// The periodic job of a dataset with a writer: its record, or one record
+// per listed access point.
+report_result bcp_dataset_timer(void *arg) {
+  const bcp_dataset_spec *spec = static_cast<bcp_dataset *>(arg)->spec;
+  if (spec->write_ap)
+    return wtps_scan(spec->write_ap, spec->timer_name);
+  spec->write();
+  return report_result::done;
+}
+
+void bcp_dataset_setup(bcp_dataset *ds, const bcp_dataset_spec *spec) {
+  bcp_dataset_init(ds, spec->name, spec->index_template ? spec->index_template() : nullptr);
+  ds->spec = spec;
+  if (!spec->write && !spec->write_ap)
+    return;
+  report_timer_init(&ds->timer, bcp_dataset_timer, spec->period,
+                    {ds->group->timer.order.owner, report_phase::records}, ds);
+  report_timer_add(&ds->timer);
+}
 
 }  // namespace
 
@@ -29,7 +50,8 @@ int bcp_group_count() { return group_count; }
 bcp_group *bcp_group_at(int index) { return groups[index]; }
 
 void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
-                    report_result (*archive_timer)(void *)) {
+                    report_result (*archive_timer)(void *), const bcp_dataset_spec *specs,
+                    int count) {
   if (group_count < BCP_MAX_GROUPS)
     groups[group_count++] = group;
   group->id = id;
@@ -40,7 +62,7 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
   for (bcp_dataset &ds : group->datasets)
     ds.group = group;
   report_timer_init(&group->timer, archive_timer, REPORT_COUNTDOWN_SECONDS,
-                    {report_owner_new(), report_phase::archive});
+                    {report_owner_new(), report_phase::archive}, group);
   report_timer_add(&group->timer);
   // Files of an earlier run are deleted before anything new is written;
   // durable mode first archives and keeps them (archive_recover_leftovers,
@@ -54,6 +76,8 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
     spool_dir_check(group->spool, &group->uploads, false);
     bcp_spool_bound_update(group);
   }
+  for (int i = 0; i < count && i < BCP_GROUP_DATASETS; i++)
+    bcp_dataset_setup(&group->datasets[i], &specs[i]);
 }
 
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template) {

@@ -20,6 +20,19 @@ struct bcp_dataset;
 struct bcp_group;
 struct bcp_line_plan;
 
+// A dataset as its group declares it, in one table per group: its code,
+// how its index template is built, and how its records are made. Datasets
+// fed by events have no writer here; those that never write have no
+// template either.
+struct bcp_dataset_spec {
+  const char *name;                  // dataset code
+  const char *(*index_template)();   // built once at set-up; null: never writes
+  int (*write)();                    // its periodic record of fixed values, or null
+  int (*write_ap)(const char *mac);  // or its record per listed access point, or null
+  const char *timer_name;            // what its periodic job logs under
+  uint32_t period;                   // seconds between runs of its periodic job
+};
+
 struct bcp_dataset {
   FILE *fp;                    // current file, null while none is open
   const char *name;            // dataset code
@@ -34,6 +47,8 @@ struct bcp_dataset {
   uint64_t unreported;    // records lost since the last ERROR line about them
   int last_error;         // errno of the last loss
   uint64_t file_bytes;    // bytes written to the current file
+  const bcp_dataset_spec *spec;  // how it is written; null for a test's own
+  report_timer timer;            // its periodic job, when it has a writer
 };
 
 struct bcp_file_entry {
@@ -77,11 +92,14 @@ int bcp_group_count();
 bcp_group *bcp_group_at(int index);
 
 // Names the group, links its datasets to it, schedules its archive timer
-// every 300 s, and empties and creates its spool directory. Groups live in
-// zeroed static storage (their lists are large) and get their identity
-// here.
+// (archive_timer with the group as argument) every 300 s, and empties and
+// creates its spool directory. Groups live in zeroed static storage (their
+// lists are large) and get their identity here. With specs, its datasets
+// are then set up from that table, in order, each writer with its periodic
+// job in the group's records phase.
 void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
-                    report_result (*archive_timer)(void *));
+                    report_result (*archive_timer)(void *),
+                    const bcp_dataset_spec *specs = nullptr, int count = 0);
 // Fills a dataset descriptor: no open file, its code and template.
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template);
 

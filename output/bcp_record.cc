@@ -103,14 +103,6 @@ void bcp_plan_make(bcp_line_plan &plan, const bcp_fixed_fn *fixed, size_t count)
   plan.generation = qz2fh_config_generation();
 }
 
-void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                               report_timer *timer, report_result (*timer_handler)(void *)) {
-  bcp_dataset_init(ds, name, index_template);
-  report_timer_init(timer, timer_handler, REPORT_COUNTDOWN_SECONDS,
-                    {ds->group->timer.order.owner, report_phase::records});
-  report_timer_add(timer);
-}
-
 int bcp_line_refused(const char *func, bcp_dataset *ds) {
   log_msg_as(func, ERROR, "%s record refused: longer than %d bytes\n", ds->name,
              static_cast<int>(BCP_LINE_SIZE) - 1);

@@ -173,15 +173,3 @@ int bcp_emit(const char *func, bcp_dataset *ds, const Table &cols, const Ctx &ct
   log_msg_as(func, DEBUG, "%s-%s:%s\n", ds->group->log_tag, ds->name, line.c_str());
   return bcp_write_line(ds, line.c_str(), line.size());
 }
-
-// Sets up a dataset written by its own 300-s timer: the descriptor with
-// the template of its columns, and the timer, which runs in its group's
-// records phase.
-void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const char *index_template,
-                               report_timer *timer, report_result (*timer_handler)(void *));
-template <typename Table>
-void bcp_periodic_dataset_init(bcp_dataset *ds, const char *name, const Table &cols,
-                               bcp_template_style style, report_timer *timer,
-                               report_result (*timer_handler)(void *)) {
-  bcp_periodic_dataset_init(ds, name, bcp_make_template(cols, style), timer, timer_handler);
-}

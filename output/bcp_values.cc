@@ -1,9 +1,11 @@
 #include "output/bcp_values.h"
 
 #include <cstring>
+#include <ctime>
 
 #include "config/config.h"
 #include "config/identity.h"
+#include "frame/log.h"
 
 void bcp_put_empty(bcp_line &) {}
 void bcp_put_wacode(bcp_line &l) { l.put(qz2fh_get_netbar_wacode()); }
@@ -33,4 +35,15 @@ void bcp_mac_record_form(const char *mac, char *out, size_t size) {
     out[i] = c == ':' ? '-' : c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   }
   out[n] = '\0';
+}
+
+void bcp_ap_record_make(ap_record *rec, const char *func, const char *mac, bool record_form) {
+  log_msg_as(func, DEBUG, "mac:%s\n", mac);
+  rec->now = static_cast<unsigned long long>(time(nullptr));
+  rec->equipment_id = qz2fh_get_equipment_id(mac);
+  rec->ap_mac = mac;
+  if (record_form) {
+    bcp_mac_record_form(mac, rec->record_form, sizeof(rec->record_form));
+    rec->ap_mac = rec->record_form;
+  }
 }

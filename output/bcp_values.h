@@ -35,6 +35,9 @@ struct ap_record {
   char record_form[QZ_MAC_TEXT_MAX + 1];  // the MAC in record form, where a dataset shows that
 };
 void bcp_put_ap_equipment_id(bcp_line &line, const ap_record &rec);
+// The context of the per-access-point record of mac, logged under func;
+// with record_form the record shows the MAC in record form.
+void bcp_ap_record_make(ap_record *rec, const char *func, const char *mac, bool record_form);
 void bcp_put_ap_mac(bcp_line &line, const ap_record &rec);
 
 // Writes the record form of a MAC into out (cut to size): ":" becomes
@@ -70,3 +73,12 @@ inline constexpr bcp_fixed_column BCP_VENDOR_CONTACT[] = {
     {{"E020020", "CONTACTOR_TEL", "联系人电话"}, bcp_put_org_tel_num},
     {{"E020023", "CONTACTOR_MAIL", "联系人邮件"}, bcp_put_org_mail},
 };
+
+// Writes the record of a per-access-point dataset for one scanned MAC.
+template <typename Table>
+int bcp_emit_ap_record(const char *func, bcp_dataset *ds, const Table &cols, const char *mac,
+                       bool record_form) {
+  ap_record rec;
+  bcp_ap_record_make(&rec, func, mac, record_form);
+  return bcp_emit(func, ds, cols, rec);
+}

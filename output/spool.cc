@@ -8,7 +8,6 @@
 #include "frame/command.h"
 #include "frame/log.h"
 #include "frame/paths.h"
-#include "output/bcp_dataset.h"
 #include "output/trusted_dir.h"
 
 namespace {
@@ -104,10 +103,10 @@ int qz2fh_delete_dir_file(const spool_dir &dir) {
   return command_system(cmd);
 }
 
-int qz2fh_form_zip_file(const bcp_group *group) {
-  const char *dir = group->spool.path;
+int qz2fh_form_zip_file(const spool_dir &spool, const char *zip_name) {
+  const char *dir = spool.path;
   char zip_path[SPOOL_PATH_SIZE];
-  snprintf(zip_path, sizeof(zip_path), "%s/%s", dir, group->state.zip_name);
+  snprintf(zip_path, sizeof(zip_path), "%s/%s", dir, zip_name);
   char cmd[COMMAND_SIZE];
   // "&&": zip -m run anywhere but in the spool directory would move
   // whatever lies there into the zip.
@@ -145,10 +144,10 @@ int send_file(const char *local_path, const char *remote_dir) {
 
 }  // namespace
 
-int qz2fh_send_zip_file(const bcp_group *group) {
+int qz2fh_send_zip_file(const spool_dir &dir, const char *zip_name) {
   char local_path[COMMAND_SIZE];
-  snprintf(local_path, sizeof(local_path), "%s/%s", group->spool.path, group->state.zip_name);
-  return send_file(local_path, group->spool.path);
+  snprintf(local_path, sizeof(local_path), "%s/%s", dir.path, zip_name);
+  return send_file(local_path, dir.path);
 }
 
 int qz2fh_send_file(const char *local_path, const spool_dir &dir) {

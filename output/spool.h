@@ -6,8 +6,6 @@
 #include <string>
 #include <string_view>
 
-struct bcp_group;
-
 constexpr size_t SPOOL_PATH_SIZE = 256;
 
 // A spool directory, /tmp/<id>: where a group's files, or the status
@@ -48,12 +46,12 @@ int upload_status(int wait_status);
 void qz2fh_create_dir(const spool_dir &dir);
 // "rm <dir>/* 2>/dev/null"; returns the command's wait status.
 int qz2fh_delete_dir_file(const spool_dir &dir);
-// Moves every file of the group's spool directory into its zip
-// (state.zip_name) there. Returns the command's wait status.
-int qz2fh_form_zip_file(const bcp_group *group);
-// Uploads the group's zip with wput to the configured FTP server; returns
-// the upload's status (upload_status).
-int qz2fh_send_zip_file(const bcp_group *group);
+// Moves every file of the spool directory into the zip of that name
+// there. Returns the command's wait status.
+int qz2fh_form_zip_file(const spool_dir &dir, const char *zip_name);
+// Uploads the zip of that name in the spool directory with wput to the
+// configured FTP server; returns the upload's status (upload_status).
+int qz2fh_send_zip_file(const spool_dir &dir, const char *zip_name);
 // Uploads a file the same way to the remote directory named after dir (the
 // status report, and kept files).
 int qz2fh_send_file(const char *local_path, const spool_dir &dir);

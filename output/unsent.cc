@@ -323,6 +323,13 @@ bool upload_done(upload_counters *counters, uint32_t id, const char *path, int s
   return false;
 }
 
+bool upload_and_count(upload_counters *counters, uint32_t id, const spool_dir &dir,
+                      const char *path, const upload_log &log) {
+  const int status = qz2fh_send_file(path, dir);
+  log_msg_as(log.func, DEBUG, "%s :%s\n", log.label, log.shown);
+  return upload_done(counters, id, path, status);
+}
+
 void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir) {
   if (!unsent_enabled())
     return;

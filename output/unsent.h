@@ -62,6 +62,15 @@ void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes);
 // mode a failed one is logged and its file kept. True when it worked.
 bool upload_done(upload_counters *counters, uint32_t id, const char *path, int status);
 
+// The tail of every upload: sends the file at path to the remote
+// directory named after dir, logs "<label> :<shown>" at DEBUG under func,
+// and counts it as upload_done does. True when it worked.
+struct upload_log {
+  const char *func, *label, *shown;
+};
+bool upload_and_count(upload_counters *counters, uint32_t id, const spool_dir &dir,
+                      const char *path, const upload_log &log);
+
 // Durable mode: sends the group's kept files again, oldest first, at most
 // UNSENT_RESEND_MAX, to the remote directory named after dir; a file sent
 // is deleted, and the first failure ends the round.

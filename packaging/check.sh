@@ -1,8 +1,9 @@
 #!/bin/sh
 # Lints the packaging: every shell script under packaging/ goes through the
-# shell's own syntax check and shellcheck, the example configuration must
-# hold the seventeen string keys the daemon needs, and the OpenWrt package
-# must carry the tree's version.
+# syntax checks of sh and busybox sh, and shellcheck; the example
+# configuration must hold the seventeen string keys the daemon needs, the
+# rpcd ACL must be JSON, and the OpenWrt package must carry the tree's
+# version and depend on wput.
 # Exit status 0 when everything passes, 1 otherwise.
 set -u
 
@@ -42,6 +43,12 @@ while IFS= read -r f; do
 		bash -n "$f" || fail "bash -n $f"
 	else
 		sh -n "$f" || fail "sh -n $f"
+		# OpenWrt runs its scripts with busybox's ash.
+		if command -v busybox >/dev/null 2>&1; then
+			busybox sh -n "$f" || fail "busybox sh -n $f"
+		else
+			fail "busybox is not installed"
+		fi
 	fi
 	if command -v shellcheck >/dev/null 2>&1; then
 		shellcheck -s "$shell" "$f" || fail "shellcheck $f"
@@ -64,6 +71,9 @@ if bad:
     sys.exit("%s: missing or not a string: %s" % (sys.argv[1], ", ".join(bad)))
 EOF
 
+"$python" -m json.tool "$here/openwrt/files/qz_fh_audit.acl.json" >/dev/null ||
+	fail "openwrt/files/qz_fh_audit.acl.json is no JSON"
+
 # The OpenWrt package ships the version the tree builds (scripts/dist.sh
 # --openwrt writes it), with a full SHA-256 of its tarball.
 makefile=$here/openwrt/Makefile
@@ -74,6 +84,7 @@ if [ -z "$cmake_version" ] || [ "$pkg_version" != "$cmake_version" ]; then
 fi
 grep -q '^PKG_HASH:=[0-9a-f]\{64\}$' "$makefile" || fail "openwrt/Makefile: PKG_HASH is no SHA-256"
 grep -q '+libstdcpp' "$makefile" && fail "openwrt/Makefile: the router build needs no libstdcpp"
+grep -q '^  DEPENDS:=.*+wput' "$makefile" || fail "openwrt/Makefile: wput, which sends every upload, is no dependency"
 
 if [ "$failed" -eq 0 ]; then
 	echo "packaging: $checked shell scripts and the example configuration pass"

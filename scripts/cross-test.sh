@@ -7,7 +7,9 @@
 #   - the end-to-end smoke run (tests/e2e/test_smoke.py) of the Release and
 #     of the router build: online, HTTP and offline events, two upload
 #     cycles checked by qz_bcp_check --exact, uploads equal to golden/smoke.txt;
-#   - the router build's shared libraries (libc, GLib and jansson only).
+#   - the router build's shared libraries (libc, GLib and jansson only);
+#   - the router build's stripped size, which must not pass 160 KB
+#     (QZ_ROUTER_SIZE_MAX bytes, default 160000) on any target.
 # Then prints a table of build times, stripped sizes and results.
 #
 #   scripts/cross-test.sh [TARGET...]    TARGET: arm64 armhf s390x mipsel (default: all)
@@ -22,6 +24,7 @@ targets=${*:-arm64 armhf s390x mipsel}
 jobs=$(nproc)
 out=$root/build-cross
 python=/usr/bin/python3
+router_max=${QZ_ROUTER_SIZE_MAX:-160000}
 
 if [ "$(id -u)" -ne 0 ]; then
 	echo "cross-test.sh: needs root (tests run in private namespaces)" >&2
@@ -56,6 +59,17 @@ toolchain_value() {
 stripped_size() {
 	"${1:+$1-}strip" -o "$2.stripped" "$2"
 	stat -c %s "$2.stripped"
+}
+
+# Prints the router build's stripped size of a target; a size above the
+# goal fails the run.
+check_router_size() {
+	if [ "$2" -le "$router_max" ]; then
+		echo "router build of $1: $2 bytes stripped (at most $router_max)"
+	else
+		echo "router build of $1: $2 bytes stripped, above $router_max" | tee "$3.size.log"
+		fail "$3.size.log"
+	fi
 }
 
 # Runs qz_parse_dump (with an emulator prefix, or none) over every corpus.
@@ -114,8 +128,9 @@ host_smoke=passed
 for build in release router; do
 	smoke "$host/$build/qz_fh_audit" || { host_smoke=FAILED; fail "$host/$build/qz_fh_audit.smoke.log"; }
 done
-note "$machine - $(stripped_size "" "$host/release/qz_fh_audit")" \
-	"$(stripped_size "" "$host/router/qz_fh_audit") - - $host_smoke"
+router=$(stripped_size "" "$host/router/qz_fh_audit")
+check_router_size "$machine" "$router" "$host/router/qz_fh_audit"
+note "$machine - $(stripped_size "" "$host/release/qz_fh_audit") $router - - $host_smoke"
 
 for target in $targets; do
 	echo "== $target"
@@ -166,8 +181,10 @@ for target in $targets; do
 		smoke "$dir/$build/qz_fh_audit" QZ_EMULATOR="$qemu" QZ_SYSROOT="$sysroot" ||
 			{ result=FAILED; fail "$dir/$build/qz_fh_audit.smoke.log"; }
 	done
+	router=$(stripped_size "$triplet" "$dir/router/qz_fh_audit")
+	check_router_size "$target" "$router" "$dir/router/qz_fh_audit"
 	note "$target $build_time $(stripped_size "$triplet" "$dir/release/qz_fh_audit")" \
-		"$(stripped_size "$triplet" "$dir/router/qz_fh_audit") $unit $seeds $result $warnings"
+		"$router $unit $seeds $result $warnings"
 done
 
 echo "== results (build: seconds for the Release build with its tests; sizes: stripped bytes)"

@@ -9,4 +9,5 @@ apt-get install -y --no-install-recommends \
     googletest libgtest-dev libbenchmark-dev \
     clang-14 libclang-rt-14-dev shellcheck \
     faketime zip unzip wput python3 python3-pyftpdlib \
-    iproute2 net-tools util-linux procps gawk libxml2-utils
+    iproute2 net-tools util-linux procps gawk libxml2-utils \
+    busybox dash

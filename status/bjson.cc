@@ -118,9 +118,8 @@ report_result bjson_report_timer(void *) {
         bjson_uploads.zips++;
         snprintf(bjson_uploads.last_zip, sizeof(bjson_uploads.last_zip), "%s",
                  path + strlen(status_dir.path) + 1);
-        const int status = qz2fh_send_file(path, status_dir);
-        log_msg(DEBUG, "send bjson file :%s\n", path);
-        sent = upload_done(&bjson_uploads, QZ2FH_STATUS_DIR_ID, path, status);
+        sent = upload_and_count(&bjson_uploads, QZ2FH_STATUS_DIR_ID, status_dir, path,
+                                {__func__, "send bjson file", path});
       }
     }
   }
@@ -134,10 +133,10 @@ const upload_counters &bjson_upload_counters() { return bjson_uploads; }
 
 void bjson_tick() { spool_dir_check(status_dir, &bjson_uploads, true); }
 
-void bjson_report_init() {
+int bjson_report_init() {
   bjson_node_table = str_table_new();
   if (!bjson_node_table)
-    return;
+    return -1;
   report_timer_init(&bjson_timer, bjson_report_timer, REPORT_COUNTDOWN_SECONDS,
                     {report_owner_new(), report_phase::records});
   report_timer_add(&bjson_timer);
@@ -151,4 +150,5 @@ void bjson_report_init() {
   qz2fh_delete_dir_file(status_dir);
   qz2fh_create_dir(status_dir);
   spool_dir_check(status_dir, &bjson_uploads, false);
+  return 0;
 }

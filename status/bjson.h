@@ -6,8 +6,9 @@
 #include "frame/report_timer.h"
 #include "output/spool.h"
 
-// Sets up the node table, the report's timer and /tmp/144.
-void bjson_report_init();
+// Sets up the node table, the report's timer and /tmp/144. 0, or -1 when
+// the table could not be made.
+int bjson_report_init();
 // The report's timer: reads the listing, writes, uploads and deletes the
 // status file. Always done: a failed listing waits for the next period.
 report_result bjson_report_timer(void *arg);

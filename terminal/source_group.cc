@@ -7,7 +7,6 @@
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/bcp_values.h"
-#include "output/wtps_scan.h"
 
 bcp_group source_group;
 
@@ -21,8 +20,6 @@ enum {
   BASIC_1003,
   BASIC_1004,
 };
-
-report_timer basic_1001_timer, basic_1002_timer, basic_1003_timer, basic_1004_timer;
 
 void put_ap_time(bcp_line &l, const ap_record &rec) { l.put_decimal(rec.now); }
 void put_equipment_type(bcp_line &l) { l.put_signed(qz2fh_get_equipment_type()); }
@@ -72,11 +69,6 @@ constexpr auto basic_1004_columns =
 
 bcp_dataset *dataset(int index) { return &source_group.datasets[index]; }
 
-// The two source datasets of this group are registered but never write.
-void source_1001_init() { bcp_dataset_init(dataset(SOURCE_1001), "WA_SOURCE_FJ_1001", nullptr); }
-
-void source_1002_init() { bcp_dataset_init(dataset(SOURCE_1002), "WA_SOURCE_FJ_1002", nullptr); }
-
 }  // namespace
 
 // Writers log under the names their records have always been logged under.
@@ -102,59 +94,30 @@ int source_basic_1004_write() {
 
 namespace {
 
-report_result source_basic_1001_report_timer(void *) {
-  return wtps_scan(source_basic_1001_write, __func__);
-}
-
-report_result source_basic_1002_report_timer(void *) {
-  return wtps_scan(source_basic_1002_write, __func__);
-}
-
-report_result source_basic_1003_report_timer(void *) {
-  source_basic_1003_write();
-  return report_result::done;
-}
-
-report_result source_basic_1004_report_timer(void *) {
-  source_basic_1004_write();
-  return report_result::done;
-}
-
-void source_basic_1001_init() {
-  bcp_periodic_dataset_init(dataset(BASIC_1001), "WA_BASIC_FJ_1001", basic_1001_columns,
-                            BCP_STYLE_WIDE_CLOSE, &basic_1001_timer,
-                            source_basic_1001_report_timer);
-}
-
-void source_basic_1002_init() {
-  bcp_periodic_dataset_init(dataset(BASIC_1002), "WA_BASIC_FJ_1002", basic_1002_columns,
-                            BCP_STYLE_PLAIN, &basic_1002_timer, source_basic_1002_report_timer);
-}
-
-void source_basic_1003_init() {
-  bcp_periodic_dataset_init(dataset(BASIC_1003), "WA_BASIC_FJ_1003", basic_1003_columns,
-                            BCP_STYLE_PLAIN, &basic_1003_timer, source_basic_1003_report_timer);
-}
-
-void source_basic_1004_init() {
-  bcp_periodic_dataset_init(dataset(BASIC_1004), "WA_BASIC_FJ_1004", basic_1004_columns,
-                            BCP_STYLE_PLAIN, &basic_1004_timer, source_basic_1004_report_timer);
-}
+// The group's datasets, in index order. The two source datasets are
+// registered but never write.
+const bcp_dataset_spec source_datasets[] = {
+    {"WA_SOURCE_FJ_1001", nullptr, nullptr, nullptr, nullptr, 0},
+    {"WA_SOURCE_FJ_1002", nullptr, nullptr, nullptr, nullptr, 0},
+    {"WA_BASIC_FJ_1001",
+     [] { return bcp_make_template(basic_1001_columns, BCP_STYLE_WIDE_CLOSE); }, nullptr,
+     source_basic_1001_write, "source_basic_1001_report_timer", REPORT_COUNTDOWN_SECONDS},
+    {"WA_BASIC_FJ_1002", [] { return bcp_make_template(basic_1002_columns, BCP_STYLE_PLAIN); },
+     nullptr, source_basic_1002_write, "source_basic_1002_report_timer",
+     REPORT_COUNTDOWN_SECONDS},
+    {"WA_BASIC_FJ_1003", [] { return bcp_make_template(basic_1003_columns, BCP_STYLE_PLAIN); },
+     source_basic_1003_write, nullptr, "source_basic_1003_report_timer",
+     REPORT_COUNTDOWN_SECONDS},
+    {"WA_BASIC_FJ_1004", [] { return bcp_make_template(basic_1004_columns, BCP_STYLE_PLAIN); },
+     source_basic_1004_write, nullptr, "source_basic_1004_report_timer",
+     REPORT_COUNTDOWN_SECONDS},
+};
+static_assert(std::size(source_datasets) == BCP_GROUP_DATASETS, "six datasets");
 
 }  // namespace
 
-report_result source_report_timer(void *) {
-  group_archive_cycle(&source_group);
-  return report_result::done;
-}
-
-void source_group_init() {
+int source_group_init() {
   bcp_group_init(&source_group, QZ2FH_TERMINAL_TYPE, "QZ2FH_TERMINAL_TYPE", "source_report_timer",
-                 source_report_timer);
-  source_1001_init();
-  source_1002_init();
-  source_basic_1001_init();
-  source_basic_1002_init();
-  source_basic_1003_init();
-  source_basic_1004_init();
+                 group_archive_timer, source_datasets, BCP_GROUP_DATASETS);
+  return 0;
 }

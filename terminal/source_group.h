@@ -7,10 +7,8 @@
 extern bcp_group source_group;
 
 // Registers the group, empties and creates /tmp/146 and sets up its six
-// datasets with their timers.
-void source_group_init();
-// The group's archive timer.
-report_result source_report_timer(void *arg);
+// datasets with their timers. 0 (nothing here can fail).
+int source_group_init();
 
 // The writers of the four basic datasets: access-point presence and
 // collection equipment for one scanned MAC, the place, the vendor. 0 when

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <chrono>
 #include <fstream>
 #include <string>
@@ -72,6 +73,34 @@ TEST(Command, NeverEndingCommandsAreKilledWithTheirProcessGroups) {
             std::string::npos)
       << err;
   command_set_limit_second_ms(0);
+}
+
+// A parent that ignores SIGCHLD lets the kernel reap every command: the
+// wait ends in ECHILD and must not read as success.
+TEST(Command, AWaitThatFindsNoChildIsAFailure) {
+  signal(SIGCHLD, SIG_IGN);
+  std::string out;
+  for (const char *cmd : {"true", "exit 3", "sleep 0.2"}) {
+    SCOPED_TRACE(cmd);
+    EXPECT_EQ(command_system(cmd), -1);
+    EXPECT_EQ(command_read(cmd, &out, 100), -1);
+  }
+  EXPECT_EQ(command_read("echo text; sleep 0.2", &out, 100), -1);
+  EXPECT_EQ(out, "");
+  signal(SIGCHLD, SIG_DFL);
+  EXPECT_EQ(command_system("true"), 0);
+  EXPECT_EQ(command_system("exit 3"), 3 << 8);
+}
+
+// The daemon ignores SIGPIPE; its commands must not: a pipeline whose
+// reader ends early ends its writers, as it does anywhere.
+TEST(Command, CommandsStartWithTheDefaultSigpipe) {
+  signal(SIGPIPE, SIG_IGN);
+  std::string out;
+  ASSERT_EQ(command_read("sed -n 's/^SigIgn:\\t//p' /proc/$$/status", &out, 100), 0);
+  const unsigned long ignored = std::stoul(out, nullptr, 16);
+  EXPECT_EQ(ignored & (1ul << (SIGPIPE - 1)), 0ul) << out;
+  signal(SIGPIPE, SIG_DFL);
 }
 
 }  // namespace

@@ -99,4 +99,35 @@ TEST(Config, UnsentDirIsOptional) {
   }
 }
 
+// However the spool directories and /tmp are spelled, the key is compared
+// as the path they name; a value that is taken is kept as written.
+TEST(Config, UnsentDirComparedInCanonicalForm) {
+  debug_mode_on();
+  const struct {
+    const char *dir;
+    bool taken;
+  } cases[] = {
+      {"//tmp", false},          {"/tmp/.", false},        {"/./tmp", false},
+      {"/tmp/./", false},        {"/tmp/145/", false},     {"/tmp//145", false},
+      {"//tmp//144//", false},   {"/./tmp/./146/.", false}, {"/tmp/./145/u", false},
+      {"/tmp//146/u/", false},   {"/tmp/qz_unsent/", true}, {"//tmp//qz_unsent", true},
+      {"/tmp/./qz.u/.", true},   {"/tmp//1450", true},     {"/tmp/.145", true},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.dir);
+    ASSERT_TRUE(write_file("/tmp/c.json",
+                           test_config_json({{"fh_unsent_dir", std::string("\"") + c.dir + "\""}})));
+    ::testing::internal::CaptureStderr();
+    const int rc = qz2fh_config_load("/tmp/c.json");
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    if (c.taken) {
+      EXPECT_EQ(rc, 0) << err;
+      EXPECT_STREQ(qz2fh_get_unsent_dir(), c.dir);
+    } else {
+      EXPECT_EQ(rc, 1);
+      EXPECT_NE(err.find("ERROR:fh_unsent_dir must be an absolute path"), std::string::npos) << err;
+    }
+  }
+}
+
 }  // namespace

@@ -159,6 +159,61 @@ TEST_F(NetbarFeeds, AuthTypesAndAccounts) {
   EXPECT_EQ(lines(NETBAR_SOURCE_0001).size(), 2u);
 }
 
+// A full table ends the terminal online longest, with its offline record
+// written before the new one's online record; a terminal already online
+// coming online again takes no room. Counted, and one WARN per report.
+TEST_F(NetbarFeeds, FullTerminalTableEndsTheOldestTerminal) {
+  auto mac = [](size_t k) {
+    char text[18];
+    snprintf(text, sizeof(text), "02:00:00:%02x:%02x:%02x", static_cast<unsigned>(k >> 16 & 0xff),
+             static_cast<unsigned>(k >> 8 & 0xff), static_cast<unsigned>(k & 0xff));
+    return std::string(text);
+  };
+  auto online = [&](size_t k) { send_shell(datagram(3, mac(k) + " 192.168.1.10 1")); };
+  for (size_t k = 0; k < NETBAR_TERMINALS_MAX + 2; k++)
+    wifi(mac(k));
+  for (size_t k = 0; k < NETBAR_TERMINALS_MAX; k++)
+    online(k);
+  const netbar_terminal_counters &c = netbar_terminal_counts();
+  EXPECT_EQ((std::vector<uint64_t>{c.now, c.peak, c.refused}),
+            (std::vector<uint64_t>{NETBAR_TERMINALS_MAX, NETBAR_TERMINALS_MAX, 0}));
+  online(5);  // again: no room needed
+  EXPECT_EQ(c.refused, 0u);
+  const size_t before = lines(NETBAR_SOURCE_0001).size();
+  online(NETBAR_TERMINALS_MAX);
+  auto l = lines(NETBAR_SOURCE_0001);
+  ASSERT_EQ(l.size(), before + 2);
+  const auto ended = fields(l[before]);
+  EXPECT_EQ(ended[19], "02-00-00-00-00-00");
+  EXPECT_FALSE(ended[11].empty());  // an offline record: it has an end
+  EXPECT_EQ(fields(l[before + 1])[19], "02-00-00-00-40-00");
+  EXPECT_TRUE(fields(l[before + 1])[11].empty());
+  EXPECT_EQ((std::vector<uint64_t>{c.now, c.peak, c.refused}),
+            (std::vector<uint64_t>{NETBAR_TERMINALS_MAX, NETBAR_TERMINALS_MAX, 1}));
+  // The next oldest is 1 (5 came online again): it goes for the next one.
+  send_shell(datagram(2, mac(0)));  // ended already: nothing
+  EXPECT_EQ(lines(NETBAR_SOURCE_0001).size(), before + 2);
+  online(NETBAR_TERMINALS_MAX + 1);
+  l = lines(NETBAR_SOURCE_0001);
+  ASSERT_EQ(l.size(), before + 4);
+  EXPECT_EQ(fields(l[before + 2])[19], "02-00-00-00-00-01");
+  send_shell(datagram(2, mac(2)));
+  EXPECT_EQ(lines(NETBAR_SOURCE_0001).size(), before + 5);
+  EXPECT_EQ((std::vector<uint64_t>{c.now, c.peak, c.refused}),
+            (std::vector<uint64_t>{NETBAR_TERMINALS_MAX - 1, NETBAR_TERMINALS_MAX, 2}));
+
+  debug_mode_on();
+  ::testing::internal::CaptureStderr();
+  netbar_terminal_report();
+  netbar_terminal_report();  // nothing new: no line
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("WARN:terminal table full (16384): 2 terminals online longest ended since the "
+                     "last report, their offline records written\n"),
+            std::string::npos)
+      << err;
+  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+}
+
 std::string http_msg(const uint8_t mac[6], uint32_t len = 200) {
   std::string m(len, '\0');
   memcpy(&m[0], &len, 4);

@@ -1,0 +1,75 @@
+#include "frame/fixed_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "frame/unique_fd.h"
+
+int fixed_file_open_lock(const char *path) {
+  // O_NONBLOCK: a FIFO planted there would otherwise hold the open until
+  // a writer comes; O_NOCTTY: nor may a terminal become ours.
+  unique_fd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
+  if (!fd)
+    return -1;
+  struct stat st;
+  if (fstat(fd.get(), &st) != 0)
+    return -1;
+  // A hard link to another file, or a file that another account made,
+  // would let that account hold or share our lock.
+  if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) {
+    errno = EPERM;
+    return -1;
+  }
+  return fd.release();
+}
+
+namespace {
+
+int create_new(const char *path, mode_t mode) {
+  return open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
+}
+
+bool write_all(int fd, const char *data, size_t len) {
+  while (len > 0) {
+    const ssize_t n = write(fd, data, len);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    data += n;
+    len -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+int fixed_file_replace(const char *path, const char *data, size_t len, mode_t mode) {
+  // Named after the pid: a daemon killed between the create and the rename
+  // leaves one file, which the next one of that pid takes over, instead of
+  // a new one per kill.
+  char tmp[256];
+  const int n = snprintf(tmp, sizeof(tmp), "%s.%ld.tmp", path, static_cast<long>(getpid()));
+  if (n < 0 || static_cast<size_t>(n) >= sizeof(tmp)) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  unique_fd fd(create_new(tmp, mode));
+  if (!fd && errno == EEXIST && unlink(tmp) == 0)
+    fd.reset(create_new(tmp, mode));
+  if (!fd)
+    return -1;
+  bool done = write_all(fd.get(), data, len);
+  if (close(fd.release()) != 0)
+    done = false;
+  if (done && rename(tmp, path) == 0)
+    return 0;
+  const int err = errno;
+  unlink(tmp);
+  errno = err;
+  return -1;
+}

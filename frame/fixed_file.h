@@ -1,0 +1,22 @@
+// Files at fixed names in /tmp, where other local accounts may have put
+// something first: nothing found at those names is followed or waited on.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+// Opens (creating it 0600 when absent) the lock file for flock. Only a
+// regular file of the process's own uid with a single link is taken: a
+// link (dangling or not), FIFO, directory, device or foreign file there is
+// refused without being followed, waited on or created elsewhere. The
+// descriptor (close-on-exec), or -1 with errno set.
+int fixed_file_open_lock(const char *path);
+
+// Replaces path with the len bytes of data: they go into a new file
+// "<path>.<pid>.tmp" (O_CREAT | O_EXCL | O_NOFOLLOW, mode as umask allows),
+// which is then renamed over path, so a reader sees the old or the new file
+// whole and a link at path is replaced, not followed. Whatever sits at the
+// temporary name is removed first (never followed). 0, or -1 with errno
+// set and the temporary file removed.
+int fixed_file_replace(const char *path, const char *data, size_t len, mode_t mode);
