@@ -466,7 +466,8 @@ class ForeignStoreTest(HostCase):
             self.assertIn(b"kept " + name.encode(),
                           [u.read() for u in uploads(self.sb.ftp, remote)], name)
         after = tree_fingerprint(UNSENT)
-        self.assertEqual((sorted(set(before) - set(after)), sorted(set(after) - set(before))), ([], []))
+        self.assertEqual((sorted(set(before) - set(after)), sorted(set(after) - set(before))),
+                         ([], []), "files gone, files added")
         self.assertEqual(after, before)
         for up in self.sb.ftp.uploads():
             for part in upload_bytes(up):
