@@ -49,6 +49,10 @@ def http_event(n):
     return sim.build_event(sim.DATA_HTTP, WEB, addr, "93.184.216.34", 40000 + n % 20000, 80)
 
 
+def run(*cmd):
+    subprocess.run(cmd, check=True, stdin=subprocess.DEVNULL, capture_output=True, timeout=WAIT)
+
+
 def read_stats():
     try:
         with open(STATS) as f:
@@ -100,7 +104,7 @@ def upload_bytes(up):
 class HostCase(SandboxCase):
     """The netbar group fed by HTTP events through the netlink stand-in."""
 
-    def start(self, values=None, pauses=(), accel=qz_sandbox.DEFAULT_ACCEL, env=None):
+    def start(self, values=None, pauses=(), accel=qz_sandbox.DEFAULT_ACCEL):
         stub = os.path.join(os.path.dirname(qz_sandbox.daemon_binary()), "tools",
                             "libqz_nlstub.so")
         self.assertTrue(os.path.isfile(stub), "build the qz_nlstub target")
@@ -111,7 +115,7 @@ class HostCase(SandboxCase):
         sim.write_wifi_info(WEB, AP1)
         self.kernel = sim.FakeKernel(block=True, block_timeout=LONG_WAIT)
         self.addCleanup(self.kernel.close)
-        d = self.sb.start_daemon(["-D"], preload=(stub,), accel=accel, env=env)
+        d = self.sb.start_daemon(["-D"], preload=(stub,), accel=accel)
         self.kernel.wait_registration(LONG_WAIT, expected_pid=d.pid)
         d.wait_for(r"init shell fd success!")
         self._parsed = {}
@@ -121,7 +125,7 @@ class HostCase(SandboxCase):
         self.kernel.send_many([http_event(n) for n in numbers])
 
     def wait_written(self, d, count):
-        """Waits until count WA_SOURCE_FJ_0002 records have been handled."""
+        """Waits until count WA_SOURCE_FJ_0002 records are on the console."""
         wait_running(d, lambda: d.stdout_text().count(RECORD_2) >= count,
                      "%d records on the console" % count)
 
@@ -166,12 +170,12 @@ class FullSpoolTest(HostCase):
 
     def test_a_full_file_system_cuts_no_line_and_counts_every_record(self):
         os.makedirs("/tmp/fill")
-        qz_sandbox._run("mount", "-t", "tmpfs", "-o", "size=512k,mode=0755", "qzfill", "/tmp/fill")
-        self.addCleanup(qz_sandbox._run, "umount", "-l", "/tmp/fill", check=False)
+        run("mount", "-t", "tmpfs", "-o", "size=512k,mode=0755", "qzfill", "/tmp/fill")
+        self.addCleanup(subprocess.run, ["umount", "-l", "/tmp/fill"])
         os.mkdir("/tmp/fill/145", 0o700)
         os.mkdir(SPOOL, 0o700)
-        qz_sandbox._run("mount", "--bind", "/tmp/fill/145", SPOOL)
-        self.addCleanup(qz_sandbox._run, "umount", "-l", SPOOL, check=False)
+        run("mount", "--bind", "/tmp/fill/145", SPOOL)
+        self.addCleanup(subprocess.run, ["umount", "-l", SPOOL])
         # Room for about 90 lines: far below the spool's bound (128 KiB),
         # so the file system is full before the bound is reached.
         fs = os.statvfs("/tmp/fill")
@@ -234,7 +238,7 @@ class GoneSpoolTest(HostCase):
         before = range(0, 20)
         self.send(before)
         self.wait_written(d, len(before))
-        subprocess.run(["rm", "-rf", SPOOL], check=True)
+        run("rm", "-rf", SPOOL)
         d.wait_for("WARN:" + re.escape(GONE % SPOOL), stream="stderr", timeout=LONG_WAIT)
         after = range(20, 60)
         self.send(after)
@@ -540,8 +544,8 @@ class SpoolBoundTest(HostCase):
 
     def test_a_flood_bigger_than_the_file_system_arrives_whole(self):
         os.mkdir(SPOOL, 0o700)
-        qz_sandbox._run("mount", "-t", "tmpfs", "-o", "size=4m,mode=0700", "qzspool", SPOOL)
-        self.addCleanup(qz_sandbox._run, "umount", "-l", SPOOL, check=False)
+        run("mount", "-t", "tmpfs", "-o", "size=4m,mode=0700", "qzspool", SPOOL)
+        self.addCleanup(subprocess.run, ["umount", "-l", SPOOL])
         fs = os.statvfs(SPOOL)
         bound = min(fs.f_blocks * fs.f_frsize // 4, 16 * MIB)
         self.assertEqual(bound, MIB)
