@@ -191,7 +191,7 @@ TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
     write_x();
     writing = false;
     if (bcp_archive_pending())
-      bcp_run_due_archives();
+      archive_run_due();
   }
   ASSERT_EQ(indexes.size(), 1u);  // one early archive, before the list could wrap
   EXPECT_EQ(test_group.bcp_file_count, files - 249);
