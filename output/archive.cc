@@ -11,6 +11,7 @@
 #include "config/config.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
+#include "output/dir_listing.h"
 #include "output/spool.h"
 #include "output/trusted_dir.h"
 #include "output/unsent.h"
