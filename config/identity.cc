@@ -133,9 +133,17 @@ bool probe_route(char *route_ip, size_t size) {
 
 }  // namespace
 
+namespace {
+
+char route_ip[1024];
+const char *route_found;
+
+}  // namespace
+
+const char *qz2fh_route_ip_known() { return route_found; }
+
 const char *qz2fh_get_route_ip() {
-  static char route_ip[1024];
-  static const char *found;
+  const char *&found = route_found;
   static bool failed;
   static int64_t failed_sec, failed_usec;
   if (found)

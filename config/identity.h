@@ -22,8 +22,12 @@ const char *qz2fh_get_netbar_wacode();
 // case, separators dropped), 20 characters.
 const char *qz2fh_get_equipment_id(const char *mac);
 // Address of the interface of the first route, found once and then kept;
-// null while it cannot be found.
+// null while it cannot be found. Runs the probe's commands until it has
+// found it, at most once a second.
 const char *qz2fh_get_route_ip();
+// The address qz2fh_get_route_ip has found, or null; never runs a command,
+// so that no command runs while a record is built.
+const char *qz2fh_route_ip_known();
 // Wireless record of a client from the router's status files, or null.
 const wifi_info *qz2fh_get_wifi_info(const char *mac);
 

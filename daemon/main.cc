@@ -52,7 +52,7 @@ void after_handler() {
     feed_queue_drain(bcp_archive_pending);
     if (!bcp_archive_pending())
       break;
-    bcp_run_due_archives();
+    archive_run_due();
   }
   if (unsent_enabled())
     bcp_flush_written();

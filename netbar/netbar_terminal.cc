@@ -94,8 +94,11 @@ void make_room(const char *key) {
   counters.refused++;
 }
 
+// Every tick: the table's bound reported, and the route's address probed
+// until found (records only read it).
 report_result terminal_report_timer(void *) {
   netbar_terminal_report();
+  qz2fh_get_route_ip();
   return report_result::done;
 }
 
@@ -269,7 +272,7 @@ int netbar_0001_write(bool online, const netbar_terminal &terminal) {
   snprintf(r.equipment_id, sizeof(r.equipment_id), "%s", qz2fh_get_equipment_id(r.ap_mac));
   netbar_session_id(r.session_id, r.mac, terminal.online_time);
   r.ip_number = netbar_ipv4_number(terminal.ip);
-  const char *route_ip = qz2fh_get_route_ip();
+  const char *route_ip = qz2fh_route_ip_known();
   r.src_ip_number = route_ip ? netbar_ipv4_number(route_ip) : 0;
   // Logged under the name its records have always been logged under.
   return bcp_emit("netbar_0001_business_handle", source_0001, source_0001_columns, r) == 0
@@ -386,6 +389,7 @@ int netbar_terminal_init(bcp_dataset *ds) {
   report_timer_init(&terminal_report, terminal_report_timer, REPORT_TICK_SECONDS,
                     report_order{report_owner_new(), report_phase::records});
   report_timer_add(&terminal_report);
+  qz2fh_get_route_ip();
   int fd = netbar_create_unix_sock();
   if (fd < 0) {
     log_msg_as(func, ERROR, "init shell fd failed!\n");

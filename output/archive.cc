@@ -11,6 +11,7 @@
 #include "config/config.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
+#include "output/dir_listing.h"
 #include "output/spool.h"
 #include "output/trusted_dir.h"
 #include "output/unsent.h"
@@ -208,6 +209,25 @@ void group_archive_cycle(bcp_group *g) {
   // Kept files follow once the server has taken this cycle's.
   if (sent)
     unsent_resend(&g->uploads, g->id, g->spool);
+}
+
+void archive_run_due() {
+  for (int i = 0; i < bcp_group_count(); i++) {
+    bcp_group *g = bcp_group_at(i);
+    if (!g->archive_due)
+      continue;
+    g->archive_due = false;
+    g->uploads.early_archives++;
+    if (g->spool_bytes >= g->spool_bound)
+      log_msg(WARN, "group %d holds %llu bytes in one cycle, archiving early\n",
+              static_cast<int>(g->id), static_cast<unsigned long long>(g->spool_bytes));
+    else
+      log_msg(WARN, "group %d finished %d files in one cycle, archiving early\n",
+              static_cast<int>(g->id), static_cast<int>(g->bcp_file_count));
+    group_archive_cycle(g);
+    // What the archive could not take out stays until the cycle's own.
+    g->archive_stuck = bcp_bounds_reached(g);
+  }
 }
 
 void group_archive_keep(bcp_group *g) {

@@ -12,6 +12,9 @@ void group_archive_cycle(bcp_group *group);
 // The archive timer of every group: group_archive_cycle of the group it
 // is given.
 report_result group_archive_timer(void *group);
+// Runs the early archive of every group that waits for one: the loop's
+// step between two handlers, never inside a record's write.
+void archive_run_due();
 // Durable mode's stop: the same cycle, but the zip is kept for the next
 // start instead of being uploaded.
 void group_archive_keep(bcp_group *group);

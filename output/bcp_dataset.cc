@@ -12,7 +12,6 @@
 #include "config/config.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
-#include "output/archive.h"
 #include "output/trusted_dir.h"
 #include "output/unsent.h"
 #include "output/wtps_scan.h"
@@ -215,7 +214,7 @@ bool spool_full(const bcp_group *g) {
 void mark_archive_due(bcp_group *g) {
   if (g->archive_stuck || g->archive_due)
     return;
-  if (g->bcp_file_count >= BCP_LIST_EARLY || g->spool_bytes >= g->spool_bound)
+  if (bcp_bounds_reached(g))
     g->archive_due = true;
 }
 
@@ -290,23 +289,8 @@ bool bcp_archive_pending() {
   return false;
 }
 
-void bcp_run_due_archives() {
-  for (int i = 0; i < group_count; i++) {
-    bcp_group *g = groups[i];
-    if (!g->archive_due)
-      continue;
-    g->archive_due = false;
-    g->uploads.early_archives++;
-    if (g->spool_bytes >= g->spool_bound)
-      log_msg(WARN, "group %d holds %llu bytes in one cycle, archiving early\n",
-              static_cast<int>(g->id), static_cast<unsigned long long>(g->spool_bytes));
-    else
-      log_msg(WARN, "group %d finished %d files in one cycle, archiving early\n",
-              static_cast<int>(g->id), static_cast<int>(g->bcp_file_count));
-    group_archive_cycle(g);
-    // What the archive could not take out stays until the cycle's own.
-    g->archive_stuck = g->spool_bytes >= g->spool_bound || g->bcp_file_count >= BCP_LIST_EARLY;
-  }
+bool bcp_bounds_reached(const bcp_group *g) {
+  return g->spool_bytes >= g->spool_bound || g->bcp_file_count >= BCP_LIST_EARLY;
 }
 
 void bcp_spool_bound_update(bcp_group *g) {

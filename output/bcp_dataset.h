@@ -121,10 +121,11 @@ void bcp_file_lost(bcp_group *group, const bcp_file_entry &entry, int error);
 // the daemon's own (it is then deleted).
 long bcp_cut_to_whole_lines(const char *path, uint64_t *bytes);
 
-// True when a group waits for its early archive.
+// True when a group waits for its early archive (archive_run_due).
 bool bcp_archive_pending();
-// Runs the early archive of every group that waits for one.
-void bcp_run_due_archives();
+// True when the group's spool directory or file list has reached the bound
+// that starts an early archive.
+bool bcp_bounds_reached(const bcp_group *group);
 // Every tick: the groups' spool directories are checked (one that has gone
 // is made again), open files whose directory was removed are counted as
 // lost, and one ERROR line per dataset tells what was lost since the last.

@@ -8,6 +8,7 @@
 #include "frame/command.h"
 #include "frame/log.h"
 #include "frame/paths.h"
+#include "frame/text.h"
 #include "output/trusted_dir.h"
 
 namespace {
@@ -24,47 +25,7 @@ bool command_fits(int n, const char *func) {
   return true;
 }
 
-bool url_unreserved(unsigned char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '.' || c == '_' || c == '~';
-}
-
-bool shell_plain(unsigned char c) {
-  if (c == '~')  // tilde expansion
-    return false;
-  return url_unreserved(c) || c == '/' || c == ':' || c == ',' || c == '+' || c == '=' ||
-         c == '@' || c == '%';
-}
-
 }  // namespace
-
-std::string shell_word(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char ch : text) {
-    if (!shell_plain(static_cast<unsigned char>(ch)))
-      out += '\\';
-    out += ch;
-  }
-  return out;
-}
-
-std::string url_credential(std::string_view text) {
-  static const char hex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size());
-  for (char ch : text) {
-    unsigned char c = static_cast<unsigned char>(ch);
-    if (url_unreserved(c)) {
-      out += ch;
-    } else {
-      out += '%';
-      out += hex[c >> 4];
-      out += hex[c & 15];
-    }
-  }
-  return out;
-}
 
 spool_dir spool_dir_of(uint32_t id) {
   spool_dir dir;
@@ -111,7 +72,7 @@ int qz2fh_form_zip_file(const spool_dir &spool, const char *zip_name) {
   // "&&": zip -m run anywhere but in the spool directory would move
   // whatever lies there into the zip.
   int n = snprintf(cmd, sizeof(cmd), "cd %s && zip -m %s ./* 2>/dev/null", dir,
-                   shell_word(zip_path).c_str());
+                   text_shell_word(zip_path).c_str());
   if (!command_fits(n, __func__))
     return -1;
   log_msg(DEBUG, "%s\n", cmd);
@@ -124,14 +85,14 @@ namespace {
 // with the password masked.
 int send_file(const char *local_path, const char *remote_dir) {
   static const char func[] = "qz2fh_send_zip_file";
-  const std::string local = shell_word(local_path);
-  const std::string user = url_credential(qz2fh_get_ftp_username());
-  const std::string host = shell_word(qz2fh_get_ftp_ip());
-  const std::string port = shell_word(qz2fh_get_ftp_port());
-  const std::string remote = shell_word(remote_dir);
+  const std::string local = text_shell_word(local_path);
+  const std::string user = text_url_credential(qz2fh_get_ftp_username());
+  const std::string host = text_shell_word(qz2fh_get_ftp_ip());
+  const std::string port = text_shell_word(qz2fh_get_ftp_port());
+  const std::string remote = text_shell_word(remote_dir);
   char cmd[COMMAND_SIZE];
   int n = snprintf(cmd, sizeof(cmd), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
-                   user.c_str(), url_credential(qz2fh_get_ftp_password()).c_str(), host.c_str(),
+                   user.c_str(), text_url_credential(qz2fh_get_ftp_password()).c_str(), host.c_str(),
                    port.c_str(), remote.c_str());
   if (!command_fits(n, func))
     return -1;

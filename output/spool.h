@@ -3,8 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <string_view>
 
 constexpr size_t SPOOL_PATH_SIZE = 256;
 
@@ -55,11 +53,3 @@ int qz2fh_send_zip_file(const spool_dir &dir, const char *zip_name);
 // Uploads a file the same way to the remote directory named after dir (the
 // status report, and kept files).
 int qz2fh_send_file(const char *local_path, const spool_dir &dir);
-
-// Backslash-escapes what the shell would interpret in an unquoted word;
-// ordinary names, addresses and numbers come out unchanged.
-std::string shell_word(std::string_view text);
-// Percent-encodes all but unreserved URL characters, which wput decodes:
-// user names and passwords with blanks, quotes or "@" still log in, and
-// the shell never sees a character it interprets.
-std::string url_credential(std::string_view text);

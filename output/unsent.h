@@ -76,19 +76,3 @@ bool upload_and_count(upload_counters *counters, uint32_t id, const spool_dir &d
 // is deleted, and the first failure ends the round.
 constexpr int UNSENT_RESEND_MAX = 4;
 void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir);
-
-// The names in a directory, sorted, without "." and ".." (empty when it
-// cannot be read): for the leftovers of a stopped run.
-class dir_listing {
- public:
-  explicit dir_listing(const char *dir);
-  ~dir_listing();
-  dir_listing(const dir_listing &) = delete;
-  dir_listing &operator=(const dir_listing &) = delete;
-  int size() const { return count_; }
-  const char *name(int i) const;
-
- private:
-  struct dirent **names_ = nullptr;
-  int count_ = 0;
-};

@@ -12,6 +12,7 @@
 #include "config/config.h"
 #include "frame/eloop.h"
 #include "frame/log.h"
+#include "frame/text.h"
 #include "output/archive.h"
 #include "output/spool.h"
 #include "terminal/source_group.h"
@@ -221,12 +222,12 @@ TEST(Recovery, LeftoversOfACrashAreArchivedWithoutTheCutLine) {
 }
 
 TEST(Spool, ShellAndUrlQuotingLeaveOrdinaryValuesAlone) {
-  EXPECT_EQ(shell_word("/tmp/146/146-507183926-350100-350000-1700000300-00000.zip"),
+  EXPECT_EQ(text_shell_word("/tmp/146/146-507183926-350100-350000-1700000300-00000.zip"),
             "/tmp/146/146-507183926-350100-350000-1700000300-00000.zip");
-  EXPECT_EQ(shell_word("a b;c$(d)`e`'f\"~"), "a\\ b\\;c\\$\\(d\\)\\`e\\`\\'f\\\"\\~");
-  EXPECT_EQ(url_credential("user_1.x-y~"), "user_1.x-y~");
-  EXPECT_EQ(url_credential("us er"), "us%20er");
-  EXPECT_EQ(url_credential("p\"a$(x);b\\c`@:/"), "p%22a%24%28x%29%3Bb%5Cc%60%40%3A%2F");
+  EXPECT_EQ(text_shell_word("a b;c$(d)`e`'f\"~"), "a\\ b\\;c\\$\\(d\\)\\`e\\`\\'f\\\"\\~");
+  EXPECT_EQ(text_url_credential("user_1.x-y~"), "user_1.x-y~");
+  EXPECT_EQ(text_url_credential("us er"), "us%20er");
+  EXPECT_EQ(text_url_credential("p\"a$(x);b\\c`@:/"), "p%22a%24%28x%29%3Bb%5Cc%60%40%3A%2F");
 }
 
 // A command one byte too long for its buffer would run cut short: it is
