@@ -198,6 +198,7 @@ void group_archive_cycle(bcp_group *g) {
         spool_emptied(g);
         break;
       case zip_result::kept_back:
+        bcp_reopen_last_files(g);
         sent = false;
         break;
       case zip_result::failed:

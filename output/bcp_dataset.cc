@@ -169,32 +169,59 @@ long bcp_cut_to_whole_lines(const char *path, uint64_t *bytes) {
 
 namespace {
 
-// Ends the dataset's file and lists it with the lines it holds. error is
-// the errno of a write that already failed, or 0; pending counts records
-// handed to the writer but not yet counted (the one whose write failed).
-void finish_file(bcp_dataset *ds, int error, int pending) {
+// Opens the dataset's current file again to go on appending to it.
+bool reopen_file(bcp_dataset *ds, const char *path, uint64_t bytes) {
+  ds->fp = trusted_dir_open_append(path);
+  if (!ds->fp)
+    return false;
+  setvbuf(ds->fp, nullptr, _IOFBF, BCP_STREAM_BUFFER);
+  ds->file_bytes = bytes;
+  return true;
+}
+
+// Closes the dataset's file after a failed write (error; pending records
+// handed to the writer but not yet counted) and cuts it back to its whole
+// lines: the stream's buffer may have gone out in part, and what counts is
+// what the file holds. With go_on, writing goes on in the same file, so
+// that a dataset still has one file a cycle (after any full ones) and no
+// sequence number is spent on a file that never reaches the platform.
+// Otherwise, or when it cannot be opened again, the file ends there.
+void recover_file(bcp_dataset *ds, int error, int pending, bool go_on) {
   bcp_group *g = ds->group;
-  if (fclose(ds->fp) != 0 && error == 0)
-    error = errno ? errno : EIO;
+  fclose(ds->fp);
   ds->fp = nullptr;
   char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
   snprintf(path, sizeof(path), "%s/%s", g->spool.path, ds->file_name);
-  if (error != 0) {
-    // The stream's buffer may have gone out in part: what counts is what
-    // the file holds.
-    g->uploads.write_errors++;
-    uint64_t kept_bytes = 0;
-    const long kept = bcp_cut_to_whole_lines(path, &kept_bytes);
-    const uint64_t lines = kept > 0 ? static_cast<uint64_t>(kept) : 0;
-    const uint64_t written = ds->record_count > lines ? ds->record_count - lines : 0;
-    count_lost(ds, written, static_cast<uint64_t>(pending), error);
-    g->spool_bytes -= ds->file_bytes > kept_bytes ? ds->file_bytes - kept_bytes : 0;
-    ds->record_count = static_cast<uint16_t>(lines);
-    if (lines == 0)
-      unlink(path);
-  }
-  if (ds->record_count > 0)
+  g->uploads.write_errors++;
+  uint64_t kept_bytes = 0;
+  const long kept = bcp_cut_to_whole_lines(path, &kept_bytes);
+  const uint64_t lines = kept > 0 ? static_cast<uint64_t>(kept) : 0;
+  const uint64_t written = ds->record_count > lines ? ds->record_count - lines : 0;
+  count_lost(ds, written, static_cast<uint64_t>(pending), error);
+  g->spool_bytes -= ds->file_bytes > kept_bytes ? ds->file_bytes - kept_bytes : 0;
+  ds->record_count = static_cast<uint16_t>(lines);
+  if (go_on && kept >= 0 && reopen_file(ds, path, kept_bytes))
+    return;
+  if (lines > 0) {
     bcp_file_list_add(ds);
+  } else {
+    unlink(path);
+    ds->bcp_sequence--;  // the file never was
+  }
+  ds->record_count = 0;
+  ds->file_bytes = 0;
+}
+
+// Ends the dataset's file and lists it with the lines it holds.
+void finish_file(bcp_dataset *ds) {
+  if (fflush(ds->fp) != 0 || ferror(ds->fp)) {
+    recover_file(ds, errno ? errno : EIO, 0, false);
+    return;
+  }
+  // fclose cannot lose lines now: they are all in the file.
+  fclose(ds->fp);
+  ds->fp = nullptr;
+  bcp_file_list_add(ds);
   ds->record_count = 0;
   ds->file_bytes = 0;
 }
@@ -233,7 +260,7 @@ void bcp_file_list_add(bcp_dataset *ds) {
 void bcp_close_open_files(bcp_group *g) {
   for (bcp_dataset &ds : g->datasets)
     if (ds.fp)
-      finish_file(&ds, 0, 0);
+      finish_file(&ds);
 }
 
 void bcp_file_lost(bcp_group *g, const bcp_file_entry &e, int error) {
@@ -249,7 +276,7 @@ void bcp_flush_written() {
   for (int i = 0; i < group_count; i++)
     for (bcp_dataset &ds : groups[i]->datasets)
       if (ds.fp && fflush(ds.fp) != 0)
-        finish_file(&ds, errno ? errno : EIO, 0);
+        recover_file(&ds, errno ? errno : EIO, 0, true);
 }
 
 int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
@@ -269,7 +296,7 @@ int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
   }
   errno = 0;
   if (fwrite(line, 1, len, ds->fp) != len || ferror(ds->fp)) {
-    finish_file(ds, errno ? errno : EIO, 1);
+    recover_file(ds, errno ? errno : EIO, 1, true);
     return 1;
   }
   ds->records++;
@@ -277,7 +304,7 @@ int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
   g->spool_bytes += len;
   unflushed = true;
   if (++ds->record_count == BCP_MAX_RECORDS)
-    finish_file(ds, 0, 0);
+    finish_file(ds);
   mark_archive_due(g);
   return 0;
 }
@@ -287,6 +314,33 @@ bool bcp_archive_pending() {
     if (groups[i]->archive_due)
       return true;
   return false;
+}
+
+void bcp_reopen_last_files(bcp_group *g) {
+  int kept = 0;
+  for (int i = 0; i < g->bcp_file_count; i++) {
+    const bcp_file_entry &e = g->bcp_file_list[i];
+    bcp_dataset *ds = nullptr;
+    for (bcp_dataset &d : g->datasets)
+      if (d.name == e.name)
+        ds = &d;
+    bool last = true;
+    for (int j = i + 1; j < g->bcp_file_count; j++)
+      last = last && g->bcp_file_list[j].name != e.name;
+    char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
+    snprintf(path, sizeof(path), "%s/%s", g->spool.path, e.file_name);
+    struct stat st;
+    if (ds && !ds->fp && last && e.record_count < BCP_MAX_RECORDS && lstat(path, &st) == 0 &&
+        reopen_file(ds, path, static_cast<uint64_t>(st.st_size))) {
+      memcpy(ds->file_name, e.file_name, sizeof(ds->file_name));
+      ds->record_count = e.record_count;
+      continue;
+    }
+    if (kept != i)
+      g->bcp_file_list[kept] = e;
+    kept++;
+  }
+  g->bcp_file_count = static_cast<uint16_t>(kept);
 }
 
 bool bcp_bounds_reached(const bcp_group *g) {

@@ -123,6 +123,10 @@ long bcp_cut_to_whole_lines(const char *path, uint64_t *bytes);
 
 // True when a group waits for its early archive (archive_run_due).
 bool bcp_archive_pending();
+// After a cycle whose zip failed: each dataset's last listed file that is
+// not full becomes its open file again, so that the next cycle's records
+// go on in it and every dataset keeps one file a cycle after its full ones.
+void bcp_reopen_last_files(bcp_group *group);
 // True when the group's spool directory or file list has reached the bound
 // that starts an early archive.
 bool bcp_bounds_reached(const bcp_group *group);

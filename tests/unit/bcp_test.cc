@@ -95,12 +95,17 @@ TEST_F(BcpWriter, FullFileSystemKeepsWholeLinesAndCountsTheRest) {
   ASSERT_EQ(mount("qzfull", "/tmp/150", "tmpfs", 0, "size=64k,mode=0700"), 0);
   const uint64_t records = ds.records, refused = ds.refused;
   const uint64_t errors = test_group.uploads.write_errors;
+  const uint16_t sequence = ds.bcp_sequence;
   const std::string line = std::string(99, 'r') + "\n";
   int failed = 0;
   const int sent = 2000;
   for (int i = 0; i < sent; i++)
     failed += bcp_write_line(&ds, line.c_str(), line.size());
   bcp_close_open_files(&test_group);
+  // Writing went on in the one file: no sequence number spent on a file
+  // that never reaches the platform.
+  EXPECT_EQ(test_group.bcp_file_count, 1);
+  EXPECT_EQ(ds.bcp_sequence, static_cast<uint16_t>(sequence + 1));
   uint64_t listed = 0;
   for (int i = 0; i < test_group.bcp_file_count; i++) {
     const bcp_file_entry &e = test_group.bcp_file_list[i];
