@@ -37,7 +37,6 @@ class KeysAgreeTest(unittest.TestCase):
 
         with open(os.path.join(PACKAGING, "qz_fh_audit.json.example"), encoding="utf-8") as f:
             example = list(json.load(f))
-        check = re.search(r'keys = """(.*?)"""', read(os.path.join(PACKAGING, "check.sh")), re.S)
 
         uci = []
         for line in read(SHIPPED_UCI).splitlines():
@@ -48,7 +47,6 @@ class KeysAgreeTest(unittest.TestCase):
 
         lists = {
             "qz_fh_audit.json.example": (example, KEYS),
-            "check.sh": (check.group(1).split(), KEYS),
             "openwrt/files/qz_fh_audit.config": (uci, ["enabled", "use_uci"] + KEYS + OPTIONAL_KEYS),
             "init script, KEYS": (shell_list(INIT, "KEYS"), KEYS),
             "init script, OPTIONAL_KEYS": (shell_list(INIT, "OPTIONAL_KEYS"), OPTIONAL_KEYS),
