@@ -15,6 +15,7 @@
 #include "output/archive.h"
 #include "output/bcp_dataset.h"
 #include "terminal/source_group.h"
+#include "tests/config_fixture.h"
 #include "tests/private_tmp.h"
 
 namespace {
@@ -42,15 +43,10 @@ void setup() {
     perror("private /tmp (needs root)");
     exit(1);
   }
+  const std::string config = config_fixture_json(
+      {{"fh_ftp_port", "\"21\""}, {"fh_ftp_username", "\"u\""}, {"fh_ftp_password", "\"p\""}});
   FILE *f = fopen("/tmp/bench.json", "w");
-  fputs(
-      "{\"fh_netbar_property_str\":\"1\",\"fh_netbar_type_str\":\"2\",\"fh_netbar_name\":\"Cafe\","
-      "\"fh_equipment_name\":\"AP-01\",\"fh_source_str\":\"350100\",\"fh_address\":\"Main Street "
-      "1\",\"fh_dst_str\":\"350000\",\"fh_longitude\":\"119.30\",\"fh_latitude\":\"26.08\","
-      "\"fh_org_name\":\"OrgA\",\"fh_org_tel_num\":\"555\",\"fh_org_mail\":\"box1\","
-      "\"fh_org_address\":\"Road 5\",\"fh_ftp_ip\":\"127.0.0.1\",\"fh_ftp_port\":\"21\","
-      "\"fh_ftp_username\":\"u\",\"fh_ftp_password\":\"p\"}",
-      f);
+  fputs(config.c_str(), f);
   fclose(f);
   if (qz2fh_config_load("/tmp/bench.json") != 0)
     exit(1);

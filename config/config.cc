@@ -12,25 +12,13 @@
 namespace {
 
 enum config_key {
-  CFG_NETBAR_PROPERTY_STR,
-  CFG_NETBAR_TYPE_STR,
-  CFG_NETBAR_NAME,
-  CFG_EQUIPMENT_NAME,
-  CFG_SOURCE_STR,
-  CFG_ADDRESS,
-  CFG_DST_STR,
-  CFG_LONGITUDE,
-  CFG_LATITUDE,
-  CFG_ORG_NAME,
-  CFG_ORG_TEL_NUM,
-  CFG_ORG_MAIL,
-  CFG_ORG_ADDRESS,
-  CFG_FTP_IP,
-  CFG_FTP_PORT,
-  CFG_FTP_USERNAME,
-  CFG_FTP_PASSWORD,
+#define QZ_CONFIG_KEY(name, file_name_part) CFG_##name,
+#include "config/config_keys.def"
   CFG_KEY_COUNT
 };
+// KEY_<name>: the name of an optional key, read by a function of its own.
+#define QZ_CONFIG_OPTIONAL_KEY(name) constexpr char KEY_##name[] = #name;
+#include "config/config_keys.def"
 
 struct config_attr {
   const char *name;
@@ -44,29 +32,41 @@ constexpr size_t FILE_NAME_PART_MAX = 64;
 
 // Read in this order; the first missing key ends the load.
 constexpr config_attr config_attrs[CFG_KEY_COUNT] = {
-    {"fh_netbar_property_str", false},
-    {"fh_netbar_type_str", false},
-    {"fh_netbar_name", false},
-    {"fh_equipment_name", false},
-    {"fh_source_str", true},
-    {"fh_address", false},
-    {"fh_dst_str", true},
-    {"fh_longitude", false},
-    {"fh_latitude", false},
-    {"fh_org_name", false},
-    {"fh_org_tel_num", false},
-    {"fh_org_mail", false},
-    {"fh_org_address", false},
-    {"fh_ftp_ip", false},
-    {"fh_ftp_port", false},
-    {"fh_ftp_username", false},
-    {"fh_ftp_password", false},
+#define QZ_CONFIG_KEY(name, file_name_part) {#name, file_name_part},
+#include "config/config_keys.def"
 };
 
 const char *config_values[CFG_KEY_COUNT];
 const char *unsent_dir;  // optional: null when absent or empty
 json_t *config_doc;
 unsigned config_generation;
+
+}  // namespace
+
+const char *qz2fh_get_netbar_property_str() { return config_values[CFG_fh_netbar_property_str]; }
+const char *qz2fh_get_netbar_type_str() { return config_values[CFG_fh_netbar_type_str]; }
+const char *qz2fh_get_netbar_name() { return config_values[CFG_fh_netbar_name]; }
+const char *qz2fh_get_equipment_name() { return config_values[CFG_fh_equipment_name]; }
+const char *qz2fh_get_source_str() { return config_values[CFG_fh_source_str]; }
+const char *qz2fh_get_address() { return config_values[CFG_fh_address]; }
+const char *qz2fh_get_dst_str() { return config_values[CFG_fh_dst_str]; }
+const char *qz2fh_get_longitude() { return config_values[CFG_fh_longitude]; }
+const char *qz2fh_get_latitude() { return config_values[CFG_fh_latitude]; }
+const char *qz2fh_get_org_name() { return config_values[CFG_fh_org_name]; }
+const char *qz2fh_get_org_tel_num() { return config_values[CFG_fh_org_tel_num]; }
+const char *qz2fh_get_org_mail() { return config_values[CFG_fh_org_mail]; }
+const char *qz2fh_get_org_address() { return config_values[CFG_fh_org_address]; }
+const char *qz2fh_get_ftp_ip() { return config_values[CFG_fh_ftp_ip]; }
+const char *qz2fh_get_ftp_port() { return config_values[CFG_fh_ftp_port]; }
+const char *qz2fh_get_ftp_username() { return config_values[CFG_fh_ftp_username]; }
+const char *qz2fh_get_ftp_password() { return config_values[CFG_fh_ftp_password]; }
+const char *qz2fh_get_unsent_dir() { return unsent_dir; }
+
+const char *qz2fh_get_org_code() { return "507183926"; }
+int qz2fh_get_equipment_type() { return 1; }
+const char *qz2fh_get_contactor() { return "maple"; }
+
+namespace {
 
 // A control character would split or shift every record line the value is
 // written into; none has a place in these texts.
@@ -112,7 +112,7 @@ const char *config_get_string(json_t *doc, const config_attr &attr) {
   return text;
 }
 
-constexpr char UNSENT_DIR_KEY[] = "fh_unsent_dir";
+constexpr auto &UNSENT_DIR_KEY = KEY_fh_unsent_dir;
 constexpr size_t UNSENT_DIR_MAX = 128;
 
 // The path as the kernel reads it when no link is involved: "//", "/./"
@@ -222,27 +222,3 @@ int qz2fh_config_load(const char *path) {
 int qz2fh_config_init() { return qz2fh_config_load(QZ_CONFIG_PATH); }
 
 unsigned qz2fh_config_generation() { return config_generation; }
-
-const char *qz2fh_get_netbar_property_str() { return config_values[CFG_NETBAR_PROPERTY_STR]; }
-const char *qz2fh_get_netbar_type_str() { return config_values[CFG_NETBAR_TYPE_STR]; }
-const char *qz2fh_get_netbar_name() { return config_values[CFG_NETBAR_NAME]; }
-const char *qz2fh_get_equipment_name() { return config_values[CFG_EQUIPMENT_NAME]; }
-const char *qz2fh_get_source_str() { return config_values[CFG_SOURCE_STR]; }
-const char *qz2fh_get_address() { return config_values[CFG_ADDRESS]; }
-const char *qz2fh_get_dst_str() { return config_values[CFG_DST_STR]; }
-const char *qz2fh_get_longitude() { return config_values[CFG_LONGITUDE]; }
-const char *qz2fh_get_latitude() { return config_values[CFG_LATITUDE]; }
-const char *qz2fh_get_org_name() { return config_values[CFG_ORG_NAME]; }
-const char *qz2fh_get_org_tel_num() { return config_values[CFG_ORG_TEL_NUM]; }
-const char *qz2fh_get_org_mail() { return config_values[CFG_ORG_MAIL]; }
-const char *qz2fh_get_org_address() { return config_values[CFG_ORG_ADDRESS]; }
-const char *qz2fh_get_ftp_ip() { return config_values[CFG_FTP_IP]; }
-const char *qz2fh_get_ftp_port() { return config_values[CFG_FTP_PORT]; }
-const char *qz2fh_get_ftp_username() { return config_values[CFG_FTP_USERNAME]; }
-const char *qz2fh_get_ftp_password() { return config_values[CFG_FTP_PASSWORD]; }
-
-const char *qz2fh_get_unsent_dir() { return unsent_dir; }
-
-const char *qz2fh_get_org_code() { return "507183926"; }
-int qz2fh_get_equipment_type() { return 1; }
-const char *qz2fh_get_contactor() { return "maple"; }

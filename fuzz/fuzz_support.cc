@@ -11,6 +11,7 @@
 #include "frame/eloop.h"
 #include "netbar/netbar_group.h"
 #include "output/archive.h"
+#include "tests/config_fixture.h"
 #include "tests/private_tmp.h"
 
 namespace {
@@ -52,13 +53,11 @@ void fuzz_setup() {
   done = true;
   if (!private_tmp("size=256m"))
     abort();
-  write("/tmp/fuzz_config.json",
-        "{\"fh_netbar_property_str\":\"1\",\"fh_netbar_type_str\":\"2\",\"fh_netbar_name\":\"Cafe\","
-        "\"fh_equipment_name\":\"AP-01\",\"fh_source_str\":\"350100\",\"fh_address\":\"Main 1\","
-        "\"fh_dst_str\":\"350000\",\"fh_longitude\":\"119.30\",\"fh_latitude\":\"26.08\","
-        "\"fh_org_name\":\"OrgA\",\"fh_org_tel_num\":\"555\",\"fh_org_mail\":\"box1\","
-        "\"fh_org_address\":\"Road 5\",\"fh_ftp_ip\":\"127.0.0.1\",\"fh_ftp_port\":\"21\","
-        "\"fh_ftp_username\":\"u\",\"fh_ftp_password\":\"p\"}");
+  const std::string config = config_fixture_json({{"fh_address", "\"Main 1\""},
+                                                  {"fh_ftp_port", "\"21\""},
+                                                  {"fh_ftp_username", "\"u\""},
+                                                  {"fh_ftp_password", "\"p\""}});
+  write("/tmp/fuzz_config.json", config.c_str());
   if (qz2fh_config_load("/tmp/fuzz_config.json") != 0)
     abort();
   command_set_runner(&runner);

@@ -51,6 +51,7 @@ TOOLS_DIR = os.path.dirname(os.path.abspath(__file__))
 if TOOLS_DIR not in sys.path:
     sys.path.insert(0, TOOLS_DIR)
 
+from qz_config_keys import config_doc  # noqa: E402
 from qz_ftp_sink import FtpSink  # noqa: E402
 
 UNSHARE = "/usr/bin/unshare"
@@ -71,9 +72,10 @@ GATEWAY_IP = "10.77.0.1"
 DEFAULT_START = "2024-03-05 07:04:01"
 DEFAULT_ACCEL = 60
 
-# The seventeen keys in the order the daemon reads them.  The FTP values are
-# replaced by the sandbox's sink when it has one.
-DEFAULT_CONFIG = {
+# A value for each key the daemon reads, in its order (a key added to its list
+# without a value here stops the import).  The FTP values are replaced by the
+# sandbox's sink when it has one.
+DEFAULT_CONFIG = config_doc({
     "fh_netbar_property_str": "3",
     "fh_netbar_type_str": "9",
     "fh_netbar_name": "Harbour Cafe",
@@ -91,7 +93,7 @@ DEFAULT_CONFIG = {
     "fh_ftp_port": "21",
     "fh_ftp_username": "qzaudit",
     "fh_ftp_password": "qz-pass-1",
-}
+})
 # Value for Sandbox.write_config() that leaves the key out of the file.
 REMOVE = object()
 

@@ -6,6 +6,9 @@ import os
 import shutil
 import subprocess
 
+# The daemon's keys in the order it reads them, from its one list.
+from qz_config_keys import KEYS, OPTIONAL_KEYS  # noqa: F401 (for the test modules)
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 STUBS = os.path.join(HERE, "stubs")
@@ -19,13 +22,6 @@ CONF = "/etc/qz_fh_audit.json"
 # OpenWrt runs its scripts with busybox's ash; dash is a second POSIX shell.
 SHELLS = {"busybox": [shutil.which("busybox") or "busybox", "sh"],
           "dash": [shutil.which("dash") or "dash"]}
-
-# The daemon's keys in the order it reads them (config/config.cc).
-KEYS = """fh_netbar_property_str fh_netbar_type_str fh_netbar_name fh_equipment_name
-fh_source_str fh_address fh_dst_str fh_longitude fh_latitude fh_org_name
-fh_org_tel_num fh_org_mail fh_org_address fh_ftp_ip fh_ftp_port
-fh_ftp_username fh_ftp_password""".split()
-OPTIONAL_KEYS = ["fh_unsent_dir"]
 
 
 def uci_quote(value):

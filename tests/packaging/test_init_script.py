@@ -16,11 +16,12 @@ import unittest
 import qz_sandbox
 from openwrt_stubs import (CONF, KEYS, ROOT, SHELLS, SHIPPED_UCI, STUBS, UCI_DEFAULTS, InitRun,
                            env, uci_text)
+from qz_config_keys import config_doc
 
 # Shell and JSON metacharacters, quotes of both kinds, a backslash and
 # UTF-8: all must reach the JSON file as they are, and none a shell.
 HOSTILE = "p$(touch /tmp/qz_pwned)`touch /tmp/qz_pwned`\"'\\;&|<>*?{}[]~#!% 密码é"
-VALUES = {
+VALUES = config_doc({
     "fh_netbar_property_str": "1",
     "fh_netbar_type_str": "9",
     "fh_netbar_name": "海滨咖啡馆 \"Harbour\"",
@@ -38,7 +39,7 @@ VALUES = {
     "fh_ftp_port": "21",
     "fh_ftp_username": "audit user",
     "fh_ftp_password": HOSTILE,
-}
+})
 INSTANCE = [
     "procd_open_instance",
     "procd_set_param command /usr/sbin/qz_fh_audit -D",

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "config/config.h"
+#include "tests/config_fixture.h"
 
 int fake_runner::run_system(const char *cmd) {
   if (on_command)
@@ -51,30 +52,7 @@ void fake_runner::pass_through(const std::string &prefix) { real_.push_back(pref
 void fake_runner::forget_answers() { answers_.clear(); }
 
 std::string test_config_json(const std::vector<std::pair<std::string, std::string>> &overrides) {
-  std::vector<std::pair<std::string, std::string>> kv = {
-      {"fh_netbar_property_str", "\"1\""}, {"fh_netbar_type_str", "\"2\""},
-      {"fh_netbar_name", "\"Cafe\""},      {"fh_equipment_name", "\"AP-01\""},
-      {"fh_source_str", "\"350100\""},     {"fh_address", "\"Main Street 1\""},
-      {"fh_dst_str", "\"350000\""},        {"fh_longitude", "\"119.30\""},
-      {"fh_latitude", "\"26.08\""},        {"fh_org_name", "\"OrgA\""},
-      {"fh_org_tel_num", "\"555\""},       {"fh_org_mail", "\"box1\""},
-      {"fh_org_address", "\"Road 5\""},    {"fh_ftp_ip", "\"127.0.0.1\""},
-      {"fh_ftp_port", "\"2121\""},         {"fh_ftp_username", "\"user\""},
-      {"fh_ftp_password", "\"secret\""},
-  };
-  for (const auto &o : overrides) {
-    auto it = std::find_if(kv.begin(), kv.end(), [&](const auto &p) { return p.first == o.first; });
-    if (it != kv.end() && o.second.empty())
-      kv.erase(it);
-    else if (it != kv.end())
-      it->second = o.second;
-    else
-      kv.push_back(o);
-  }
-  std::string json = "{";
-  for (size_t i = 0; i < kv.size(); i++)
-    json += (i ? ", \"" : "\"") + kv[i].first + "\": " + kv[i].second;
-  return json + "}";
+  return config_fixture_json(overrides);
 }
 
 bool write_file(const std::string &path, const std::string &text) {
