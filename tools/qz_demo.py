@@ -23,22 +23,18 @@ Needs root (namespaces) and Debian's python3 with pyftpdlib.
 """
 
 import argparse
-import json
 import os
 import re
 import shutil
-import subprocess
 import sys
 import time
-import zipfile
 
 TOOLS_DIR = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, TOOLS_DIR)
 
+import qz_bcp  # noqa: E402
 import qz_router_sim as sim  # noqa: E402
 import qz_sandbox  # noqa: E402
-
-CHECKER = os.path.join(TOOLS_DIR, "qz_bcp_check")
 
 # Access points by name, and which of them `wum -c wtps` lists in each cycle.
 APS = {"AP-Lobby": "00:1a:2b:3c:4d:5e", "AP-Terrace": "00:1a:2b:3c:4d:6f",
@@ -245,37 +241,9 @@ class Router:
 
 # -- the summary ---------------------------------------------------------------
 
-def check(name, path):
-    """(ok, faults, summary) of qz_bcp_check --exact on one upload."""
-    r = subprocess.run([sys.executable, CHECKER, "--exact", "--json", "--quiet", "--name", name,
-                        path], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    try:
-        summary = json.loads(r.stdout)
-    except ValueError:
-        return False, [r.stderr.strip() or "checker gave no summary"], None
-    return r.returncode == 0, summary["faults"], summary["archives"][0]
-
-
-def zip_contents(path):
-    """Datasets of a zip in index order as (dataset, file, column names, lines)."""
-    with zipfile.ZipFile(path) as z:
-        members = {n[2:] if n.startswith("./") else n: z.read(n) for n in z.namelist()}
-    index = members.get("GAB_ZIP_INDEX.xml", b"").decode("utf-8", errors="replace")
-    result = []
-    for block in index.split('<ITEM key="A010004" val="')[1:]:
-        code = block.split('"', 1)[0]
-        m = re.search(r'<ITEM key="H010020" val="([^"]*)"', block)
-        name = m.group(1) if m else ""
-        columns = re.findall(r'<ITEM key="\w+" eng="([^"]*)"', block)
-        lines = members.get(name, b"").decode("utf-8", errors="replace").split("\n")[:-1]
-        result.append((code, name, columns, lines))
-    return result
-
-
-def sample(columns, line):
-    """A record line as COLUMN=value pairs, leaving out empty columns."""
-    values = line.split("\t")
-    pairs = ["%s=%s" % (c, v) for c, v in zip(columns, values) if v != ""]
+def sample(record):
+    """A record as COLUMN=value pairs, leaving out empty columns."""
+    pairs = ["%s=%s" % (c, v) for c, v in record.items() if v != ""]
     rows, row = [], "      "
     for p in pairs:
         if len(row) + len(p) > 100 and row.strip():
@@ -306,28 +274,28 @@ def summarize(console, out):
             failures += 1
             continue
         shutil.copy(u.path, os.path.join(uploads_dir, name))
-        ok, faults, _ = check(name, u.path)
-        failures += not ok
+        up = qz_bcp.read(u.path, name, exact=True)
+        failures += bool(up.faults)
         say("  #%-2d %-8s %s  %d bytes  qz_bcp_check --exact: %s"
-            % (u.seq, u.remote, name, u.size, "ok" if ok else "%d faults" % len(faults)))
-        for f in faults[:5]:
+            % (u.seq, u.remote, name, u.size,
+               "%d faults" % len(up.faults) if up.faults else "ok"))
+        for f in up.faults[:5]:
             say("        fault: %s" % f)
-        if zipfile.is_zipfile(u.path):
-            for code, file_name, columns, lines in zip_contents(u.path):
-                say("        %-19s %4d line%s  %s" % (code, len(lines),
-                                                      " " if len(lines) == 1 else "s", file_name))
-                if lines and code not in samples:
-                    samples[code] = (name, columns, lines[0])
-        else:
-            with open(u.path, encoding="utf-8", errors="replace") as f:
-                for line in f.read().splitlines():
-                    say("        " + line)
+        for b in up.blocks:
+            lines = len(up.lines(b["file"]))
+            say("        %-19s %4d line%s  %s" % (b["code"], lines, " " if lines == 1 else "s",
+                                                  b["file"]))
+            if lines and b["code"] in qz_bcp.NAMES and b["code"] not in samples:
+                samples[b["code"]] = (name, next(up.records(b["code"])))
+        for data in up.stored.values() if up.kind == "status" else ():
+            for line in data.decode("utf-8", "replace").splitlines():
+                say("        " + line)
     say()
     say("== One line of each dataset, as COLUMN=value (empty columns left out)")
     for code in sorted(samples):
-        name, columns, line = samples[code]
+        name, record = samples[code]
         say("  %s, first line in %s:" % (code, name))
-        for row in sample(columns, line):
+        for row in sample(record):
             say(row)
     say()
     checked = len(ups)

@@ -7,7 +7,6 @@ golden/smoke.txt, which the x86-64 build wrote."""
 
 import os
 import re
-import zipfile
 
 import qz_router_sim as sim
 import qz_sandbox
@@ -41,22 +40,17 @@ def untimed(data):
     return TIME.sub(b"<time>", data)
 
 
-def describe(name, data):
-    """The upload as text lines: its name, then each member of a zip (in
-    name order, the order of equal times being the file system's) with its
-    lines.  The index is left to the checker, which rebuilds it byte for
-    byte from the column tables."""
+def describe(name, up):
+    """The upload (a qz_bcp.Upload) as text lines: its name, then each
+    member of a zip (in name order, the order of equal times being the file
+    system's) with its lines.  The index is left to the checker, which
+    rebuilds it byte for byte from the column tables."""
     out = [b"== " + untimed(name.encode())]
-    if name.endswith(".zip"):
-        with zipfile.ZipFile(data) as z:
-            members = sorted((untimed(m.encode()), z.read(m)) for m in z.namelist())
-        for member, content in members:
+    for member, content in sorted((untimed(m.encode()), d) for m, d in up.stored.items()):
+        if up.kind == "zip":
             out.append(b"-- " + member)
-            if member != b"GAB_ZIP_INDEX.xml":
-                out += [untimed(line) for line in content.split(b"\n")]
-    else:
-        with open(data, "rb") as f:
-            out += [untimed(line) for line in f.read().split(b"\n")]
+        if member != b"GAB_ZIP_INDEX.xml":
+            out += [untimed(line) for line in content.split(b"\n")]
     return out
 
 
@@ -106,8 +100,7 @@ class SmokeTest(SandboxCase):
         lines = []
         for remote, func in SENDERS:
             for name, up in zip(names.get(func, []), uploads(self.sb.ftp, remote)[:CYCLES[remote]]):
-                bcp_check(self, up.path, name)
-                lines += describe(name, up.path)
+                lines += describe(name, bcp_check(self, up.path, name))
         text = b"\n".join(lines) + b"\n"
         if os.environ.get("QZ_SMOKE_OUT"):
             with open(os.environ["QZ_SMOKE_OUT"], "wb") as f:

@@ -47,7 +47,7 @@ class StatusReportTest(SandboxCase):
         self.assertGreaterEqual(len(ups), len(expected))
         for (name, _, _), up, (tick, lines) in zip(sent, ups, expected):
             with self.subTest(tick=tick):
-                self.assertEqual(bcp_check(self, up.path, name)["sequence"], tick)
+                self.assertEqual(bcp_check(self, up.path, name).sequence, tick)
                 # Where a new access point enters the list is the daemon's choice.
                 self.assertEqual(sorted(up.read().decode().splitlines()), sorted(
                     '{"fc":"507183926", "sc":"35010010AC1000", "dc":"%s", "ds":"%d"}' % x
