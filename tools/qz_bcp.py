@@ -120,6 +120,11 @@ STATUS_LINE_RE = re.compile(
     r'\{"fc":"(?P<fc>[^"\\]*)", "sc":"(?P<sc>[^"\\]*)", '
     r'"dc":"(?P<dc>[^"\\]*)", "ds":"(?P<ds>[^"\\]*)"\}')
 
+# The daemon logs the name of every upload with the function that made it.
+LOGGED_RE = re.compile(r"(\w+)<\d+>: DEBUG:(?:form zip file :|send bjson file :/tmp/144/)(\S+)\n")
+REMOTES = {"netbar_report_timer": "tmp/145", "source_report_timer": "tmp/146",
+           "bjson_report_timer": "tmp/144"}
+
 BCP_NAME_FORMAT = "<group>-<source>-<seconds>-<5-digit seq>-<dataset>-0.bcp"
 ZIP_NAME_FORMAT = "<group>-507183926-<source>-<dst>-<seconds>-<5-digit seq>.zip"
 STATUS_NAME_FORMAT = "145-<source>-<seconds>-<seq>-DEVICESTATUS-0.bjson"
@@ -129,6 +134,12 @@ def record(code, line):
     """One BCP line of the dataset (text, with or without its line feed)
     as {column name: value}."""
     return dict(zip(NAMES[code], line.rstrip("\n").split("\t")))
+
+
+def logged_names(log, remote):
+    """The names the daemon's log text gives its uploads to a remote
+    directory ("tmp/145"), in order; a line is taken once it is whole."""
+    return [name for func, name in LOGGED_RE.findall(log) if REMOTES.get(func) == remote]
 
 
 def bcp_code(name):
@@ -213,7 +224,8 @@ def only_child(res, where, elem, tag, name=None):
     if len(kids) == 1 and kids[0].tag == tag and name in (None, kids[0].get("name")):
         return kids[0]
     want = tag if name is None else '%s name="%s"' % (tag, name)
-    res.fault(where, "<%s> should hold exactly one <%s>, holds %s" % (elem.tag, want, describe(kids)))
+    res.fault(where, "<%s> should hold exactly one <%s>, holds %s"
+              % (elem.tag, want, describe(kids)))
     return None
 
 
@@ -250,9 +262,10 @@ def parse_block(res, number, elem):
                   "WA_COMMON_010014>, <DATASET WA_COMMON_010015>" % describe(sets))
     elif kids[:len(head)] != head:
         res.fault(where, "the items must come before the datasets")
-    block = {"number": number, "code": values.get("A010004"), "group": values.get("B050016"),
-             "org": values.get("G020013"), "area": values.get("F010008"), "path": None,
-             "file": None, "count": None, "columns": None}
+    block = {"number": number, "where": where, "code": values.get("A010004"),
+             "group": values.get("B050016"), "org": values.get("G020013"),
+             "area": values.get("F010008"), "path": None, "file": None, "count": None,
+             "columns": None}
     for ds in sets:
         name = ds.get("name")
         if ds.tag != "DATASET" or name not in BLOCK_SETS:
@@ -440,8 +453,7 @@ def resolve(res, opts, zip_match, blocks, members):
 
 
 def check_block_values(res, block, group):
-    where = "%s: block %d" % (INDEX_NAME, block["number"])
-    code = block["code"]
+    where, code = block["where"], block["code"]
     allowed = GROUP_DATASETS.get(group, ())
     if code is not None and group in GROUP_DATASETS and code not in allowed:
         res.fault(where, "dataset %s does not belong to group %d (%s)"
@@ -465,18 +477,16 @@ def check_block_values(res, block, group):
 
 
 def check_columns(res, block):
-    where = "%s: block %d" % (INDEX_NAME, block["number"])
-    expected = COLUMNS.get(block["code"])
-    got = block["columns"]
+    expected, got = COLUMNS.get(block["code"]), block["columns"]
     if expected is None or got is None:
         return False
     for i, (want, have) in enumerate(zip(expected, got), 1):
         if want != have:
-            res.fault(where, "%s column %d is key=%r eng=%r chn=%r, expected "
+            res.fault(block["where"], "%s column %d is key=%r eng=%r chn=%r, expected "
                       "key=%r eng=%r chn=%r" % ((block["code"], i) + have + want))
             return False
     if len(expected) != len(got):
-        res.fault(where, "%s lists %d columns, expected %d"
+        res.fault(block["where"], "%s lists %d columns, expected %d"
                   % (block["code"], len(got), len(expected)))
         return False
     return True
@@ -491,13 +501,11 @@ def check_rollover(res, blocks):
     for code, run in by_code.items():
         for prev, nxt in zip(run, run[1:]):
             if prev["records"] is not None and prev["records"] != BCP_MAX_RECORDS:
-                res.fault("%s: block %d" % (INDEX_NAME, prev["number"]),
-                          "%s file holds %d records, yet block %d continues the "
+                res.fault(prev["where"], "%s file holds %d records, yet block %d continues the "
                           "dataset; only a full file (%d) is followed by another"
                           % (code, prev["records"], nxt["number"], BCP_MAX_RECORDS))
             if nxt["seq"] != (prev["seq"] + 1) % SEQUENCE_MODULO:
-                res.fault("%s: block %d" % (INDEX_NAME, nxt["number"]),
-                          "%s file has sequence %05d after %05d in block %d"
+                res.fault(nxt["where"], "%s file has sequence %05d after %05d in block %d"
                           % (code, nxt["seq"], prev["seq"], prev["number"]))
 
 
@@ -511,7 +519,8 @@ def check_archive(res, opts, zip_match):
         blocks, frame_ok = parse_index(res, res.index)
     resolve(res, opts, zip_match, blocks, members)
     if zip_match:
-        res.dst, res.time, res.sequence = zip_match["dst"], int(zip_match["time"]), int(zip_match["seq"])
+        res.dst, res.time, res.sequence = (zip_match["dst"], int(zip_match["time"]),
+                                           int(zip_match["seq"]))
     res.blocks = blocks = blocks or []
     named = {}
     columns_ok = True
@@ -521,8 +530,8 @@ def check_archive(res, opts, zip_match):
             columns_ok = check_columns(res, b) and columns_ok
         b["seq"] = None
         if b["file"] is not None:
-            b["seq"] = check_bcp_name(res, "%s: block %d" % (INDEX_NAME, b["number"]),
-                                      b["file"], res.group, res.source, b["code"])
+            b["seq"] = check_bcp_name(res, b["where"], b["file"], res.group, res.source,
+                                      b["code"])
             named.setdefault(b["file"], []).append(b)
     check_rollover(res, blocks)
     if opts.exact and frame_ok and columns_ok and blocks and all(
@@ -534,8 +543,7 @@ def check_archive(res, opts, zip_match):
     for name, owners in named.items():
         if name not in members:
             for b in owners:
-                res.fault("%s: block %d" % (INDEX_NAME, b["number"]),
-                          "names %s, which is not in the archive" % name)
+                res.fault(b["where"], "names %s, which is not in the archive" % name)
     for name in sorted(members) if res.index is not None else ():
         owners = named.get(name, [])
         if not owners:

@@ -83,13 +83,6 @@ MAPPED_AUTH_TYPES = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14, 99, 100}
 DESTINATIONS = [("203.0.113.10", 80), ("198.51.100.7", 8080), ("203.0.113.99", 80)]
 
 ENTRY = re.compile(r"(\d+-\d+-\d+ \d+:\d+:\d+) (\w+)<\d+>: (DEBUG|WARN|ERROR):")
-UPLOAD_LOG = {
-    "source_report_timer": re.compile(r"form zip file :(\S+)"),
-    "netbar_report_timer": re.compile(r"form zip file :(\S+)"),
-    "bjson_report_timer": re.compile(r"send bjson file :/tmp/144/(\S+)"),
-}
-REMOTE_OF = {"source_report_timer": "tmp/146", "netbar_report_timer": "tmp/145",
-             "bjson_report_timer": "tmp/144"}
 
 
 def parse_args():
@@ -132,7 +125,7 @@ class Console:
     def __init__(self, sb, d, verbose):
         self.sb, self.d, self.verbose = sb, d, verbose
         self.offset = 0
-        self.names = {remote: [] for remote in REMOTE_OF.values()}
+        self.names = {remote: [] for remote in qz_bcp.REMOTES.values()}
         self.uploads_seen = 0
         self.ticks = 0
 
@@ -157,15 +150,14 @@ class Console:
             stamp, func, level = m.groups()
             msg = chunk[m.end():starts[i + 1].start() if i + 1 < len(starts) else len(chunk)]
             msg = msg.split("\n", 1)[0]
-            pattern = UPLOAD_LOG.get(func)
-            found = pattern.search(msg) if pattern else None
-            if found:
-                self.names[REMOTE_OF[func]].append(found.group(1))
+            found = qz_bcp.LOGGED_RE.match(chunk, m.start(2))
+            if found and func in qz_bcp.REMOTES:
+                self.names[qz_bcp.REMOTES[func]].append(found.group(2))
                 if func == "bjson_report_timer":
                     self.ticks += 1
                 if not self.verbose:
                     what = "status file" if func == "bjson_report_timer" else "archive"
-                    say("  [daemon]  %s %s %s" % (stamp.split(" ")[1], what, found.group(1)))
+                    say("  [daemon]  %s %s %s" % (stamp.split(" ")[1], what, found.group(2)))
             elif level != "DEBUG" and not self.verbose:
                 say("  [daemon]  %s %s: %s" % (stamp.split(" ")[1], level, msg))
             elif msg.startswith("can not find access mac:") and not self.verbose:

@@ -28,7 +28,6 @@ import qz_router_sim as sim
 import qz_sandbox
 
 STATUS_LINE = "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n"
-CYCLE_RE = re.compile(rb"netbar_report_timer<\d+>: DEBUG:form zip file :(\S+)")
 ERROR_RE = re.compile(rb"ERROR:.*")
 HTTP_BASE = 0x0A000000  # terminal addresses 10.x.y.z carry the event number
 
@@ -237,7 +236,7 @@ class _Daemon:
         if last_nl < 0:
             return []
         self.seen += last_nl + 1
-        return [m.group(1).decode() for m in CYCLE_RE.finditer(chunk[:last_nl])]
+        return qz_bcp.logged_names(chunk[:last_nl + 1].decode(errors="replace"), "tmp/145")
 
     def errors(self):
         with open(self.err_path, "rb") as f:

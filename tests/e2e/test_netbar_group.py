@@ -8,6 +8,7 @@ import os
 import re
 import signal
 
+import qz_bcp
 import qz_router_sim as sim
 import qz_sandbox
 from e2e_base import LOG_LINE, LONG_WAIT, SandboxCase, bcp_check, messages, uploads, wait_running
@@ -20,7 +21,6 @@ APS = ["1 %s online AP-Lobby" % AP1, "2 %s online AP-Terrace" % AP2]
 S1, S2 = "WA_SOURCE_FJ_0001", "WA_SOURCE_FJ_0002"
 BASIC = [("WA_BASIC_FJ_0001", 1), ("WA_BASIC_FJ_0002", 1),
          ("WA_BASIC_FJ_0003_1", 2), ("WA_BASIC_FJ_0003_2", 2)]
-ZIP_LOG = re.compile(r"netbar_report_timer<\d+>: DEBUG:form zip file :(\S+)")
 RECORD_1 = r"QZ2FH_NETBAR_TYPE-WA_SOURCE_FJ_0001:1029999\t%s\t"
 RECORD_2 = r"QZ2FH_NETBAR_TYPE-WA_SOURCE_FJ_0002:.*\t%d\t16777216\t"
 
@@ -62,7 +62,7 @@ class NetbarCase(SandboxCase):
     def archives(self, d, count):
         """The first count netbar zips (qz_bcp.Upload), each passing the checker."""
         names = wait_running(d, lambda: (lambda n: n if len(n) >= count else None)(
-            ZIP_LOG.findall(d.stdout_text())), "%d netbar zips" % count)
+            qz_bcp.logged_names(d.stdout_text(), "tmp/145")), "%d netbar zips" % count)
         ups = wait_running(d, lambda: (lambda u: u if len(u) >= count else None)(
             uploads(self.sb.ftp, "tmp/145")), "%d uploads of tmp/145" % count)
         return [bcp_check(self, up.path, name) for name, up in zip(names, ups[:count])]

@@ -6,7 +6,6 @@ for one cycle.  The tests look at what the run left behind."""
 import calendar
 import glob
 import os
-import re
 import unittest
 import urllib.parse
 
@@ -16,7 +15,6 @@ from e2e_base import bcp_check, uploads
 from tick_wum import TickWum
 
 START_EPOCH = calendar.timegm((2024, 3, 5, 7, 4, 1))
-ORG_CODE = "507183926"
 DATASETS = ("WA_BASIC_FJ_1001", "WA_BASIC_FJ_1002", "WA_BASIC_FJ_1003", "WA_BASIC_FJ_1004")
 A_MAC, B_MAC = "00:1a:2b:3c:4d:5e", "a4:b1:c2:d3:e4:f5"
 # Nothing after the first MAC: no line feed may follow it into a record.
@@ -32,11 +30,10 @@ LEFTOVERS = {
     "/tmp/146/146-507183926-350100-350000-1700000000-00009.zip": b"LEFTOVER",
     "/tmp/144/145-350100-1700000000-9-DEVICESTATUS-0.bjson": b'{"sc":"LEFTOVER"}\n',
 }
-ZIP_LOGGED = re.compile(r"source_report_timer<\d+>: DEBUG:form zip file :(.*)\n")
 
 
 def equipment_id(mac):
-    return (ORG_CODE + mac.replace(":", "").upper())[:20]
+    return (qz_bcp.ORG_CODE + mac.replace(":", "").upper())[:20]
 
 
 class TerminalRunTest(unittest.TestCase):
@@ -73,7 +70,7 @@ class TerminalRunTest(unittest.TestCase):
         cls.pwned = glob.glob("/tmp/pwned*") + glob.glob(os.path.join(sb.work_dir, "pwned*"))
         d.stop()
         cls.out, cls.err = d.stdout_text(), d.stderr_text()
-        cls.zip_names = ZIP_LOGGED.findall(cls.out)
+        cls.zip_names = qz_bcp.logged_names(cls.out, "tmp/146")
         cls.ticks = wum.ticks()
 
     def test_cycles_make_numbered_zips_and_a_lost_one_stays_lost(self):
