@@ -184,10 +184,11 @@ def flood_number(record):
     return ((ip >> 8) & 255) << 16 | ((ip >> 16) & 255) << 8 | ip >> 24
 
 
-def read_flood_numbers(path):
-    """Datagram numbers of the WA_SOURCE_FJ_0001 records in a zip."""
-    return [flood_number(r) for r in qz_bcp.read(path, check_name=False).records(
-        "WA_SOURCE_FJ_0001")]
+def read_flood_numbers(up):
+    """Datagram numbers of the WA_SOURCE_FJ_0001 records of a zip: its path
+    or what qz_bcp read of it."""
+    up = qz_bcp.read(up, check_name=False) if isinstance(up, str) else up
+    return [flood_number(r) for r in up.records("WA_SOURCE_FJ_0001")]
 
 
 def account(sent, received):
