@@ -347,12 +347,8 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
             kernel.close()
         errors = [e for d in daemons for e in d.errors()]
 
-        shell, http = [], []
-        for u in uploads:
-            if u.remote == "tmp/145":
-                s_, h_ = read_records(u.path)
-                shell += s_
-                http += h_
+        got = [read_records(u.path) for u in uploads if u.remote == "tmp/145"]
+        shell, http = [r for s, _ in got for r in s], [r for _, h in got for r in h]
         shell_missing, shell_dup, shell_extra = account(traffic.shell_events, shell)
         http_missing, http_dup, http_extra = account(traffic.http_events, http)
         result = {
