@@ -216,7 +216,7 @@ class Upload:
 
 def describe(elems):
     labels = [(e.tag, e.get("key") or e.get("name")) for e in elems]
-    return ", ".join("<%s %s>" % l if l[1] else "<%s>" % l[0] for l in labels) or "nothing"
+    return ", ".join("<%s %s>" % t if t[1] else "<%s>" % t[0] for t in labels) or "nothing"
 
 
 def only_child(res, where, elem, tag, name=None):
