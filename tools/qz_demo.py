@@ -23,22 +23,18 @@ Needs root (namespaces) and Debian's python3 with pyftpdlib.
 """
 
 import argparse
-import json
 import os
 import re
 import shutil
-import subprocess
 import sys
 import time
-import zipfile
 
 TOOLS_DIR = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, TOOLS_DIR)
 
+import qz_bcp  # noqa: E402
 import qz_router_sim as sim  # noqa: E402
 import qz_sandbox  # noqa: E402
-
-CHECKER = os.path.join(TOOLS_DIR, "qz_bcp_check")
 
 # Access points by name, and which of them `wum -c wtps` lists in each cycle.
 APS = {"AP-Lobby": "00:1a:2b:3c:4d:5e", "AP-Terrace": "00:1a:2b:3c:4d:6f",
@@ -87,13 +83,6 @@ MAPPED_AUTH_TYPES = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14, 99, 100}
 DESTINATIONS = [("203.0.113.10", 80), ("198.51.100.7", 8080), ("203.0.113.99", 80)]
 
 ENTRY = re.compile(r"(\d+-\d+-\d+ \d+:\d+:\d+) (\w+)<\d+>: (DEBUG|WARN|ERROR):")
-UPLOAD_LOG = {
-    "source_report_timer": re.compile(r"form zip file :(\S+)"),
-    "netbar_report_timer": re.compile(r"form zip file :(\S+)"),
-    "bjson_report_timer": re.compile(r"send bjson file :/tmp/144/(\S+)"),
-}
-REMOTE_OF = {"source_report_timer": "tmp/146", "netbar_report_timer": "tmp/145",
-             "bjson_report_timer": "tmp/144"}
 
 
 def parse_args():
@@ -136,7 +125,7 @@ class Console:
     def __init__(self, sb, d, verbose):
         self.sb, self.d, self.verbose = sb, d, verbose
         self.offset = 0
-        self.names = {remote: [] for remote in REMOTE_OF.values()}
+        self.names = {remote: [] for remote in qz_bcp.REMOTES.values()}
         self.uploads_seen = 0
         self.ticks = 0
 
@@ -161,15 +150,14 @@ class Console:
             stamp, func, level = m.groups()
             msg = chunk[m.end():starts[i + 1].start() if i + 1 < len(starts) else len(chunk)]
             msg = msg.split("\n", 1)[0]
-            pattern = UPLOAD_LOG.get(func)
-            found = pattern.search(msg) if pattern else None
-            if found:
-                self.names[REMOTE_OF[func]].append(found.group(1))
+            found = qz_bcp.LOGGED_RE.match(chunk, m.start(2))
+            if found and func in qz_bcp.REMOTES:
+                self.names[qz_bcp.REMOTES[func]].append(found.group(2))
                 if func == "bjson_report_timer":
                     self.ticks += 1
                 if not self.verbose:
                     what = "status file" if func == "bjson_report_timer" else "archive"
-                    say("  [daemon]  %s %s %s" % (stamp.split(" ")[1], what, found.group(1)))
+                    say("  [daemon]  %s %s %s" % (stamp.split(" ")[1], what, found.group(2)))
             elif level != "DEBUG" and not self.verbose:
                 say("  [daemon]  %s %s: %s" % (stamp.split(" ")[1], level, msg))
             elif msg.startswith("can not find access mac:") and not self.verbose:
@@ -245,37 +233,9 @@ class Router:
 
 # -- the summary ---------------------------------------------------------------
 
-def check(name, path):
-    """(ok, faults, summary) of qz_bcp_check --exact on one upload."""
-    r = subprocess.run([sys.executable, CHECKER, "--exact", "--json", "--quiet", "--name", name,
-                        path], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    try:
-        summary = json.loads(r.stdout)
-    except ValueError:
-        return False, [r.stderr.strip() or "checker gave no summary"], None
-    return r.returncode == 0, summary["faults"], summary["archives"][0]
-
-
-def zip_contents(path):
-    """Datasets of a zip in index order as (dataset, file, column names, lines)."""
-    with zipfile.ZipFile(path) as z:
-        members = {n[2:] if n.startswith("./") else n: z.read(n) for n in z.namelist()}
-    index = members.get("GAB_ZIP_INDEX.xml", b"").decode("utf-8", errors="replace")
-    result = []
-    for block in index.split('<ITEM key="A010004" val="')[1:]:
-        code = block.split('"', 1)[0]
-        m = re.search(r'<ITEM key="H010020" val="([^"]*)"', block)
-        name = m.group(1) if m else ""
-        columns = re.findall(r'<ITEM key="\w+" eng="([^"]*)"', block)
-        lines = members.get(name, b"").decode("utf-8", errors="replace").split("\n")[:-1]
-        result.append((code, name, columns, lines))
-    return result
-
-
-def sample(columns, line):
-    """A record line as COLUMN=value pairs, leaving out empty columns."""
-    values = line.split("\t")
-    pairs = ["%s=%s" % (c, v) for c, v in zip(columns, values) if v != ""]
+def sample(record):
+    """A record as COLUMN=value pairs, leaving out empty columns."""
+    pairs = ["%s=%s" % (c, v) for c, v in record.items() if v != ""]
     rows, row = [], "      "
     for p in pairs:
         if len(row) + len(p) > 100 and row.strip():
@@ -306,28 +266,28 @@ def summarize(console, out):
             failures += 1
             continue
         shutil.copy(u.path, os.path.join(uploads_dir, name))
-        ok, faults, _ = check(name, u.path)
-        failures += not ok
+        up = qz_bcp.read(u.path, name, exact=True)
+        failures += bool(up.faults)
         say("  #%-2d %-8s %s  %d bytes  qz_bcp_check --exact: %s"
-            % (u.seq, u.remote, name, u.size, "ok" if ok else "%d faults" % len(faults)))
-        for f in faults[:5]:
+            % (u.seq, u.remote, name, u.size,
+               "%d faults" % len(up.faults) if up.faults else "ok"))
+        for f in up.faults[:5]:
             say("        fault: %s" % f)
-        if zipfile.is_zipfile(u.path):
-            for code, file_name, columns, lines in zip_contents(u.path):
-                say("        %-19s %4d line%s  %s" % (code, len(lines),
-                                                      " " if len(lines) == 1 else "s", file_name))
-                if lines and code not in samples:
-                    samples[code] = (name, columns, lines[0])
-        else:
-            with open(u.path, encoding="utf-8", errors="replace") as f:
-                for line in f.read().splitlines():
-                    say("        " + line)
+        for b in up.blocks:
+            lines = len(up.lines(b["file"]))
+            say("        %-19s %4d line%s  %s" % (b["code"], lines, " " if lines == 1 else "s",
+                                                  b["file"]))
+            if lines and b["code"] in qz_bcp.NAMES and b["code"] not in samples:
+                samples[b["code"]] = (name, next(up.records(b["code"])))
+        for data in up.stored.values() if up.kind == "status" else ():
+            for line in data.decode("utf-8", "replace").splitlines():
+                say("        " + line)
     say()
     say("== One line of each dataset, as COLUMN=value (empty columns left out)")
     for code in sorted(samples):
-        name, columns, line = samples[code]
+        name, record = samples[code]
         say("  %s, first line in %s:" % (code, name))
-        for row in sample(columns, line):
+        for row in sample(record):
             say(row)
     say()
     checked = len(ups)

@@ -14,7 +14,6 @@ must form one unbroken run of the events in send order.
 """
 
 import calendar
-import io
 import os
 import re
 import signal
@@ -23,13 +22,12 @@ import struct
 import subprocess
 import threading
 import time
-import zipfile
 
+import qz_bcp
 import qz_router_sim as sim
 import qz_sandbox
 
 STATUS_LINE = "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n"
-CYCLE_RE = re.compile(rb"netbar_report_timer<\d+>: DEBUG:form zip file :(\S+)")
 ERROR_RE = re.compile(rb"ERROR:.*")
 HTTP_BASE = 0x0A000000  # terminal addresses 10.x.y.z carry the event number
 
@@ -160,37 +158,15 @@ class Traffic:
                 self.http_dropped += 1
 
 
-def _records(name, lines, shell, http):
-    """Adds the records of one BCP file: ("on"|"off", terminal) to shell,
-    event numbers to http."""
-    if "WA_SOURCE_FJ_0001" in name:
-        for line in lines:
-            f = line.rstrip("\n").split("\t")
-            terminal = int(f[19].replace("-", "")[4:], 16)
-            shell.append(("off" if f[11] else "on", terminal))
-    elif "WA_SOURCE_FJ_0002" in name:
-        for line in lines:
-            f = line.rstrip("\n").split("\t")
-            http.append(int(f[3]) - HTTP_BASE)
-
-
-def read_zip_records(path):
-    """(shell records, http records) of one received zip."""
-    shell, http = [], []
-    with zipfile.ZipFile(path) as z:
-        for name in z.namelist():
-            _records(name, io.TextIOWrapper(z.open(name), encoding="utf-8", newline="\n"),
-                     shell, http)
-    return shell, http
-
-
-def read_spool_records(directory):
-    """(shell records, http records) of the whole lines in a spool directory."""
-    shell, http = [], []
-    for name in sorted(os.listdir(directory)):
-        with open(os.path.join(directory, name), encoding="utf-8", newline="\n") as f:
-            _records(name, [line for line in f if line.endswith("\n")], shell, http)
-    return shell, http
+def read_records(path):
+    """(shell records, http records) of a received zip, or of the whole
+    lines in a spool directory: ("on"|"off", terminal) for each
+    WA_SOURCE_FJ_0001 record, the event number for each WA_SOURCE_FJ_0002
+    record."""
+    up = qz_bcp.read(path, check_name=False)
+    return ([("off" if r["END_TIME"] else "on", int(r["MAC"].replace("-", "")[4:], 16))
+             for r in up.records("WA_SOURCE_FJ_0001")],
+            [int(r["IP_ADDRESS"]) - HTTP_BASE for r in up.records("WA_SOURCE_FJ_0002")])
 
 
 def flood_ip(k):
@@ -198,22 +174,21 @@ def flood_ip(k):
     return "10.%d.%d.%d" % ((k >> 16) & 255, (k >> 8) & 255, k & 255)
 
 
-def flood_number(line):
-    """Datagram number of a WA_SOURCE_FJ_0001 line of a flood: its address
-    column holds the address's bytes read little-endian."""
-    ip = int(line.split("\t")[12])
+def flood_number(record):
+    """Datagram number of a WA_SOURCE_FJ_0001 record of a flood (a qz_bcp
+    record or a line's text): its address column holds the address's bytes
+    read little-endian."""
+    if isinstance(record, str):
+        record = qz_bcp.record("WA_SOURCE_FJ_0001", record)
+    ip = int(record["IP_ADDRESS"])
     return ((ip >> 8) & 255) << 16 | ((ip >> 16) & 255) << 8 | ip >> 24
 
 
-def read_flood_numbers(path):
-    """Datagram numbers of the WA_SOURCE_FJ_0001 records in a zip."""
-    numbers = []
-    with zipfile.ZipFile(path) as z:
-        for name in z.namelist():
-            if "WA_SOURCE_FJ_0001" in name:
-                numbers += [flood_number(line) for line in
-                            io.TextIOWrapper(z.open(name), encoding="utf-8", newline="\n")]
-    return numbers
+def read_flood_numbers(up):
+    """Datagram numbers of the WA_SOURCE_FJ_0001 records of a zip: its path
+    or what qz_bcp read of it."""
+    up = qz_bcp.read(up, check_name=False) if isinstance(up, str) else up
+    return [flood_number(r) for r in up.records("WA_SOURCE_FJ_0001")]
 
 
 def account(sent, received):
@@ -262,7 +237,7 @@ class _Daemon:
         if last_nl < 0:
             return []
         self.seen += last_nl + 1
-        return [m.group(1).decode() for m in CYCLE_RE.finditer(chunk[:last_nl])]
+        return qz_bcp.logged_names(chunk[:last_nl + 1].decode(errors="replace"), "tmp/145")
 
     def errors(self):
         with open(self.err_path, "rb") as f:
@@ -323,7 +298,7 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
                             "at": began}
                     if kind == "kill":
                         # What was written before the kill must arrive.
-                        fact["written"] = read_spool_records("/tmp/145")
+                        fact["written"] = read_records("/tmp/145")
                     stops[kind] = fact
                     traffic.forget()
                     log("cycle %d: %s, status %d after %.2f s" %
@@ -372,12 +347,8 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
             kernel.close()
         errors = [e for d in daemons for e in d.errors()]
 
-        shell, http = [], []
-        for u in uploads:
-            if u.remote == "tmp/145":
-                s_, h_ = read_zip_records(u.path)
-                shell += s_
-                http += h_
+        got = [read_records(u.path) for u in uploads if u.remote == "tmp/145"]
+        shell, http = [r for s, _ in got for r in s], [r for _, h in got for r in h]
         shell_missing, shell_dup, shell_extra = account(traffic.shell_events, shell)
         http_missing, http_dup, http_extra = account(traffic.http_events, http)
         result = {

@@ -1,12 +1,10 @@
 """Shared pieces of the end-to-end tests."""
 
-import json
 import re
 import signal
-import subprocess
-import sys
 import unittest
 
+import qz_bcp
 import qz_sandbox
 from qz_sandbox import wait_until
 
@@ -17,7 +15,6 @@ LONG_WAIT = 180
 # "2024-3-5 7:4:1 main<84>: ERROR:" -- unpadded local time, function, line.
 PREFIX = r"\d{4}(?:-\d{1,2}){2} \d{1,2}(?::\d{1,2}){2} \w+<\d+>: "
 LOG_LINE = re.compile("(%s)(DEBUG|WARN|ERROR):" % PREFIX)
-CHECKER = qz_sandbox.TOOLS_DIR + "/qz_bcp_check"
 
 
 def messages(text, level=None):
@@ -46,14 +43,12 @@ def uploads(sink, remote):
 
 
 def bcp_check(test, path, name=None):
-    """Runs tools/qz_bcp_check --exact on a received file; returns its
-    summary of that file."""
-    cmd = [sys.executable, CHECKER, "--json", "--exact"]
-    cmd += ["--name", name] if name else ["--no-name-check"]
-    r = subprocess.run(cmd + [path], capture_output=True, text=True, timeout=WAIT)
-    faults = json.loads(r.stdout)["faults"] if r.stdout else [r.stderr]
-    test.assertEqual((r.returncode, faults), (0, []), name or path)
-    return json.loads(r.stdout)["archives"][0]
+    """Reads a received file as the daemon named it (its own name is not
+    checked without one), checks it as qz_bcp_check --exact does and
+    returns it (a qz_bcp.Upload)."""
+    up = qz_bcp.read(path, name, check_name=bool(name), exact=True)
+    test.assertEqual(up.faults, [], name or path)
+    return up
 
 
 class SandboxCase(unittest.TestCase):

@@ -7,8 +7,8 @@ import calendar
 import os
 import re
 import signal
-import zipfile
 
+import qz_bcp
 import qz_router_sim as sim
 import qz_sandbox
 from e2e_base import LOG_LINE, LONG_WAIT, SandboxCase, bcp_check, messages, uploads, wait_running
@@ -21,9 +21,6 @@ APS = ["1 %s online AP-Lobby" % AP1, "2 %s online AP-Terrace" % AP2]
 S1, S2 = "WA_SOURCE_FJ_0001", "WA_SOURCE_FJ_0002"
 BASIC = [("WA_BASIC_FJ_0001", 1), ("WA_BASIC_FJ_0002", 1),
          ("WA_BASIC_FJ_0003_1", 2), ("WA_BASIC_FJ_0003_2", 2)]
-ZIP_LOG = re.compile(r"netbar_report_timer<\d+>: DEBUG:form zip file :(\S+)")
-BLOCK = re.compile(r'<ITEM key="A010004" val="([^"]*)".*?<ITEM key="H010020" val="([^"]*)"'
-                   r'.*?<ITEM key="I010034" val="([^"]*)"', re.S)
 RECORD_1 = r"QZ2FH_NETBAR_TYPE-WA_SOURCE_FJ_0001:1029999\t%s\t"
 RECORD_2 = r"QZ2FH_NETBAR_TYPE-WA_SOURCE_FJ_0002:.*\t%d\t16777216\t"
 
@@ -36,22 +33,6 @@ def stream_of(line):
 
 def record_mac(mac):
     return mac.replace(":", "-").upper()
-
-
-class Archive:
-    """An uploaded netbar zip: its name's time and sequence, the index
-    blocks as (dataset, file, count), and the lines of each file."""
-
-    def __init__(self, name, path):
-        self.time, self.sequence = map(int, name[:-4].split("-")[-2:])
-        with zipfile.ZipFile(path) as z:
-            index = z.read("GAB_ZIP_INDEX.xml").decode()
-            self.blocks = [(c, f, int(n)) for c, f, n in BLOCK.findall(index)]
-            self.files = {f: z.read(f).decode().split("\n")[:-1] for _, f, _ in self.blocks}
-
-    def fields(self, dataset):
-        return [line.split("\t") for code, f, _ in self.blocks if code == dataset
-                for line in self.files[f]]
 
 
 class NetbarCase(SandboxCase):
@@ -79,14 +60,12 @@ class NetbarCase(SandboxCase):
         return d
 
     def archives(self, d, count):
-        """The first count netbar zips, each passing the checker."""
+        """The first count netbar zips (qz_bcp.Upload), each passing the checker."""
         names = wait_running(d, lambda: (lambda n: n if len(n) >= count else None)(
-            ZIP_LOG.findall(d.stdout_text())), "%d netbar zips" % count)
+            qz_bcp.logged_names(d.stdout_text(), "tmp/145")), "%d netbar zips" % count)
         ups = wait_running(d, lambda: (lambda u: u if len(u) >= count else None)(
             uploads(self.sb.ftp, "tmp/145")), "%d uploads of tmp/145" % count)
-        for name, up in zip(names, ups[:count]):
-            bcp_check(self, up.path, name)
-        return [Archive(name, up.path) for name, up in zip(names, ups[:count])]
+        return [bcp_check(self, up.path, name) for name, up in zip(names, ups[:count])]
 
     def http(self, mac, port, **kw):
         self.kernel.send_http(mac, "192.168.1.10", "10.0.0.1", port, 80, **kw)
@@ -143,35 +122,38 @@ class CycleTest(NetbarCase):
         # records written then arrive one cycle later.
         self.assertGreaterEqual(first.time, START_EPOCH + 600)
         self.assertEqual((first.sequence, second.sequence), (0, 1))
-        self.assertEqual([(c, n) for c, _, n in first.blocks], [(S1, 2), (S2, 1)] + BASIC)
-        self.assertEqual([(c, n) for c, _, n in second.blocks],
+        self.assertEqual([(f["dataset"], f["records"]) for f in first.files],
+                         [(S1, 2), (S2, 1)] + BASIC)
+        self.assertEqual([(f["dataset"], f["records"]) for f in second.files],
                          [(S1, 5000), (S1, 2 * self.PAIRS + 1 - 5000), (S2, 2)] + BASIC)
-        self.assertEqual([f.split("-")[3] for _, f, _ in second.blocks],
-                         ["00001", "00002"] + ["00001"] * 5)
-        self.assertNotIn("stale", str(first.files))
+        self.assertEqual([f["sequence"] for f in second.files], [1, 2] + [1] * 5)
+        self.assertNotIn(b"stale", b"".join(first.stored.values()))
 
-        on = first.fields(S1)
-        self.assertEqual([(l[0], l[1], l[19]) for l in on],
+        on = list(first.records(S1))
+        self.assertEqual([(r["AUTH_TYPE"], r["AUTH_ACCOUNT"], r["MAC"]) for r in on],
                          [("1029999", plain, record_mac(plain)),
                           ("1020004", "13800138000", record_mac(typed))])
         # The address the probe found through the real route and ip commands.
-        self.assertEqual([l[12:14] for l in on], [["167880896", ROUTE_IP_NUMBER],
-                                                  ["184658112", ROUTE_IP_NUMBER]])
-        for l in on:
-            self.assertTrue(START_EPOCH + 300 <= int(l[10]) <= first.time, l)
-        [event] = first.fields(S2)
-        self.assertEqual((event[3:6], event[15], event[17]),
-                         (["3232235786", "51000", "16777216"], record_mac(web), record_mac(AP2)))
+        self.assertEqual([(r["IP_ADDRESS"], r["SRC_IP"]) for r in on],
+                         [("167880896", ROUTE_IP_NUMBER), ("184658112", ROUTE_IP_NUMBER)])
+        for r in on:
+            self.assertTrue(START_EPOCH + 300 <= int(r["START_TIME"]) <= first.time, r)
+        [event] = first.records(S2)
+        self.assertEqual((event["IP_ADDRESS"], event["PORT"], event["SRC_IP"], event["MAC"],
+                          event["AP_MAC"]),
+                         ("3232235786", "51000", "16777216", record_mac(web), record_mac(AP2)))
         self.assertIn("can not find access mac:%s\n" % no_status, d.stdout_text())
 
         # The offline record a cycle later carries its session's start and id.
-        off, *pairs = second.fields(S1)
-        self.assertEqual((off[19], off[10], off[24]), (on[0][19], on[0][10], on[0][24]))
-        self.assertTrue(first.time < int(off[11]) <= second.time, off)
+        off, *pairs = second.records(S1)
+        session = ("MAC", "START_TIME", "SESSIONID")
+        self.assertEqual([off[k] for k in session], [on[0][k] for k in session])
+        self.assertTrue(first.time < int(off["END_TIME"]) <= second.time, off)
         for a, b in zip(pairs[0::2], pairs[1::2]):
-            self.assertEqual((a[11], a[19], a[10], a[24]), ("", b[19], b[10], b[24]))
-            self.assertNotEqual(b[11], "")
-        self.assertEqual([int(l[4]) for l in second.fields(S2)], [40000, 40001])
+            self.assertEqual([a[k] for k in ("END_TIME",) + session],
+                             [""] + [b[k] for k in session])
+            self.assertNotEqual(b["END_TIME"], "")
+        self.assertEqual([int(r["PORT"]) for r in second.records(S2)], [40000, 40001])
         self.assert_no_errors(d)
 
 

@@ -7,8 +7,8 @@ golden/smoke.txt, which the x86-64 build wrote."""
 
 import os
 import re
-import zipfile
 
+import qz_bcp
 import qz_router_sim as sim
 import qz_sandbox
 from e2e_base import LONG_WAIT, SandboxCase, bcp_check, messages, uploads, wait_running
@@ -18,13 +18,9 @@ AP1, AP2 = "00:1a:2b:3c:4d:5e", "00:1a:2b:3c:4d:6f"
 TERMINAL = "aa:bb:cc:dd:ee:ff"
 # Seconds since the epoch, late 2023 to 2030: the run's faked times.
 TIME = re.compile(rb"(?<!\d)1[78]\d{8}(?!\d)")
-SENT = re.compile(r"(\w+)<\d+>: DEBUG:(?:form zip file :|send bjson file :/tmp/144/)(\S+)\n")
-# Uploads of two cycles: the status report runs at every tick, the groups'
-# first archives have files from the second tick on.
+# Uploads of two cycles, in this order: the status report runs at every
+# tick, the groups' first archives have files from the second tick on.
 CYCLES = {"tmp/145": 2, "tmp/146": 2, "tmp/144": 3}
-# Where each group's uploads go, and the function that logs their names.
-SENDERS = (("tmp/145", "netbar_report_timer"), ("tmp/146", "source_report_timer"),
-           ("tmp/144", "bjson_report_timer"))
 # A `wum` that holds its first run, the first tick's scan, while the hold
 # file exists.  It needs no clock: under qemu-user the daemon's commands
 # run on the real one.
@@ -41,22 +37,17 @@ def untimed(data):
     return TIME.sub(b"<time>", data)
 
 
-def describe(name, data):
-    """The upload as text lines: its name, then each member of a zip (in
-    name order, the order of equal times being the file system's) with its
-    lines.  The index is left to the checker, which rebuilds it byte for
-    byte from the column tables."""
+def describe(name, up):
+    """The upload (a qz_bcp.Upload) as text lines: its name, then each
+    member of a zip (in name order, the order of equal times being the file
+    system's) with its lines.  The index is left to the checker, which
+    rebuilds it byte for byte from the column tables."""
     out = [b"== " + untimed(name.encode())]
-    if name.endswith(".zip"):
-        with zipfile.ZipFile(data) as z:
-            members = sorted((untimed(m.encode()), z.read(m)) for m in z.namelist())
-        for member, content in members:
+    for member, content in sorted((untimed(m.encode()), d) for m, d in up.stored.items()):
+        if up.kind == "zip":
             out.append(b"-- " + member)
-            if member != b"GAB_ZIP_INDEX.xml":
-                out += [untimed(line) for line in content.split(b"\n")]
-    else:
-        with open(data, "rb") as f:
-            out += [untimed(line) for line in f.read().split(b"\n")]
+        if member != b"GAB_ZIP_INDEX.xml":
+            out += [untimed(line) for line in content.split(b"\n")]
     return out
 
 
@@ -90,24 +81,17 @@ class SmokeTest(SandboxCase):
             shell.offline(TERMINAL)
         os.unlink(os.path.join(state, "hold"))
 
-        def sent_names():
-            names = {}
-            for func, name in SENT.findall(d.stdout_text()):
-                names.setdefault(func, []).append(name)
-            return names
-
         # An upload reaches the server before the daemon logs its name.
-        wait_running(d, lambda: all(len(uploads(self.sb.ftp, remote)) >= CYCLES[remote] and
-                                    len(sent_names().get(func, [])) >= CYCLES[remote]
-                                    for remote, func in SENDERS), "two cycles")
+        wait_running(d, lambda: all(len(uploads(self.sb.ftp, remote)) >= n and
+                                    len(qz_bcp.logged_names(d.stdout_text(), remote)) >= n
+                                    for remote, n in CYCLES.items()), "two cycles")
         d.stop()
 
-        names = sent_names()
         lines = []
-        for remote, func in SENDERS:
-            for name, up in zip(names.get(func, []), uploads(self.sb.ftp, remote)[:CYCLES[remote]]):
-                bcp_check(self, up.path, name)
-                lines += describe(name, up.path)
+        for remote, n in CYCLES.items():
+            names = qz_bcp.logged_names(d.stdout_text(), remote)
+            for name, up in zip(names, uploads(self.sb.ftp, remote)[:n]):
+                lines += describe(name, bcp_check(self, up.path, name))
         text = b"\n".join(lines) + b"\n"
         if os.environ.get("QZ_SMOKE_OUT"):
             with open(os.environ["QZ_SMOKE_OUT"], "wb") as f:

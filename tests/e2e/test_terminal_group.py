@@ -6,17 +6,15 @@ for one cycle.  The tests look at what the run left behind."""
 import calendar
 import glob
 import os
-import re
 import unittest
 import urllib.parse
-import zipfile
 
+import qz_bcp
 import qz_sandbox
 from e2e_base import bcp_check, uploads
 from tick_wum import TickWum
 
 START_EPOCH = calendar.timegm((2024, 3, 5, 7, 4, 1))
-ORG_CODE = "507183926"
 DATASETS = ("WA_BASIC_FJ_1001", "WA_BASIC_FJ_1002", "WA_BASIC_FJ_1003", "WA_BASIC_FJ_1004")
 A_MAC, B_MAC = "00:1a:2b:3c:4d:5e", "a4:b1:c2:d3:e4:f5"
 # Nothing after the first MAC: no line feed may follow it into a record.
@@ -32,11 +30,10 @@ LEFTOVERS = {
     "/tmp/146/146-507183926-350100-350000-1700000000-00009.zip": b"LEFTOVER",
     "/tmp/144/145-350100-1700000000-9-DEVICESTATUS-0.bjson": b'{"sc":"LEFTOVER"}\n',
 }
-ZIP_LOGGED = re.compile(r"source_report_timer<\d+>: DEBUG:form zip file :(.*)\n")
 
 
 def equipment_id(mac):
-    return (ORG_CODE + mac.replace(":", "").upper())[:20]
+    return (qz_bcp.ORG_CODE + mac.replace(":", "").upper())[:20]
 
 
 class TerminalRunTest(unittest.TestCase):
@@ -73,7 +70,7 @@ class TerminalRunTest(unittest.TestCase):
         cls.pwned = glob.glob("/tmp/pwned*") + glob.glob(os.path.join(sb.work_dir, "pwned*"))
         d.stop()
         cls.out, cls.err = d.stdout_text(), d.stderr_text()
-        cls.zip_names = ZIP_LOGGED.findall(cls.out)
+        cls.zip_names = qz_bcp.logged_names(cls.out, "tmp/146")
         cls.ticks = wum.ticks()
 
     def test_cycles_make_numbered_zips_and_a_lost_one_stays_lost(self):
@@ -86,19 +83,17 @@ class TerminalRunTest(unittest.TestCase):
         self.assertGreaterEqual(times[1], START_EPOCH + 600)
         for up, cycle in zip(zips, (0, 2, 3)):
             with self.subTest(cycle=cycle):
-                summary = bcp_check(self, up.path, self.zip_names[cycle])
+                got = bcp_check(self, up.path, self.zip_names[cycle])
                 self.assertEqual([(f["dataset"], f["records"], f["file"].split("-")[3])
-                                  for f in summary["files"]],
+                                  for f in got.files],
                                  [(code, n, "%05d" % cycle)
                                   for code, n in zip(DATASETS, (2, 2, 1, 1))])
-                with zipfile.ZipFile(up.path) as z:
-                    text = z.read(summary["files"][0]["file"]).decode()
-                lines = [line.split("\t") for line in text.splitlines()]
-                self.assertEqual([f[0] for f in lines], [equipment_id(A_MAC),
-                                                         equipment_id(B_MAC)])
+                aps = list(got.records(DATASETS[0]))
+                self.assertEqual([r["COLLECTION_EQUIPMENTID"] for r in aps],
+                                 [equipment_id(A_MAC), equipment_id(B_MAC)])
                 # Written in the tick after the previous archive.
-                for f in lines:
-                    self.assertTrue(times[cycle] <= int(f[4]) < times[cycle + 1], f)
+                for r in aps:
+                    self.assertTrue(times[cycle] <= int(r["TIME"]) < times[cycle + 1], r)
 
     def test_other_uploads_pass_the_checker(self):
         # The netbar group writes the access points' MAC text itself.
@@ -118,11 +113,7 @@ class TerminalRunTest(unittest.TestCase):
                 self.assertEqual(calls[0].spool146, [])
                 self.assertEqual([c.spool144 for c in calls], [[]] * len(calls))
         for up in self.sb.ftp.uploads():
-            data = up.read()
-            if up.remote != "tmp/144":
-                with zipfile.ZipFile(up.path) as z:
-                    data = b"".join(z.read(n) for n in z.namelist())
-            self.assertNotIn(b"LEFTOVER", data, up.path)
+            self.assertNotIn(b"LEFTOVER", b"".join(qz_bcp.read(up.path).stored.values()), up.path)
 
     def test_odd_credentials_reach_the_server_and_run_nothing(self):
         self.assertEqual(self.pwned, [])

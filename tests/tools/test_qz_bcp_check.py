@@ -1,4 +1,5 @@
-"""Tests of tools/qz_bcp_check: sound uploads pass, each kind of fault is
+"""Tests of tools/qz_bcp_check and the reader behind it, tools/qz_bcp.py:
+sound uploads pass and read back by column name, each kind of fault is
 named.  Run with: /usr/bin/python3 -m unittest discover -s tests/tools"""
 
 import contextlib
@@ -9,11 +10,16 @@ import json
 import os
 import shutil
 import subprocess
+import sys
 import tempfile
 import unittest
 import zipfile
 
-SCRIPT = os.path.join(os.path.dirname(__file__), "..", "..", "tools", "qz_bcp_check")
+TOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools")
+sys.path.insert(0, TOOLS)
+import qz_bcp  # noqa: E402
+
+SCRIPT = os.path.join(TOOLS, "qz_bcp_check")
 _loader = importlib.machinery.SourceFileLoader("qz_bcp_check", SCRIPT)
 check = importlib.util.module_from_spec(importlib.util.spec_from_loader(_loader.name, _loader))
 _loader.exec_module(check)
@@ -35,19 +41,19 @@ def zip_name(group, seq=0):
 
 class Upload:
     """An archive as the daemon makes it: its files, then an index of
-    blocks rendered by the checker's own template."""
+    blocks rendered by the reader's own template.  Line k of a file holds
+    k+1 in its last column and v in the others."""
 
     def __init__(self, group, datasets):
         self.group, self.members, blocks = group, {}, []
         for code, count, *seq in datasets:
             name = bcp_name(group, code, *seq)
-            ncols = len(check.COLUMNS[code])
-            self.members[name] = b"".join(b"\t".join([b"v"] * ncols) + b"\n"
-                                          for _ in range(count))
-            blocks.append(check.render_block({"code": code, "group": str(group), "file": name,
-                                              "org": "507183926", "area": "350100",
-                                              "count": str(count)}))
-        self.index = check.INDEX_HEADER + b"".join(blocks) + check.INDEX_FOOTER
+            ncols = len(qz_bcp.COLUMNS[code])
+            self.members[name] = b"".join(b"v\t" * (ncols - 1) + b"%d\n" % (k + 1)
+                                          for k in range(count))
+            blocks.append({"code": code, "group": str(group), "file": name,
+                           "org": "507183926", "area": "350100", "count": str(count)})
+        self.index = qz_bcp.render_index(blocks)
 
     def write(self, directory, name=None):
         path = os.path.join(directory, name or zip_name(self.group))
@@ -85,6 +91,12 @@ class CheckerTest(unittest.TestCase):
                 self.assertEqual([(f["dataset"], f["records"])
                                   for f in summary["archives"][0]["files"]],
                                  [d[:2] for d in datasets])
+        # Records by the column list's names, over the files of a dataset.
+        up = qz_bcp.read(Upload(145, NETBAR).write(self.tmp, zip_name(145, 1)))
+        ends = [(r["COLLECTION_EQUIPMENT_ID"], r["FLOOR"]) for r in up.records("WA_BASIC_FJ_0003_1")]
+        self.assertEqual(ends, [("v", "1"), ("v", "2")])
+        self.assertEqual([r["MODEL"] for r in up.records("WA_SOURCE_FJ_0001")][4999:],
+                         ["5000", "1", "2", "3"])
 
     def test_each_fault_is_named(self):
         f1003, f1004 = bcp_name(146, "WA_BASIC_FJ_1003"), bcp_name(146, "WA_BASIC_FJ_1004")
@@ -93,7 +105,7 @@ class CheckerTest(unittest.TestCase):
                 b"<MESSAGE>\t\n", b"<MESSAGE> \n")),
              "does not begin with the fixed 204-byte header: byte 48"),
             ("footer missing", lambda up: setattr(up, "index",
-                                                  up.index[:-len(check.INDEX_FOOTER)]),
+                                                  up.index[:-len(qz_bcp.INDEX_FOOTER)]),
              "does not end with the fixed 50-byte footer"),
             ("count", lambda up: up.members.__setitem__(f1003, up.members[f1003] * 2),
              f1003 + ": has 2 lines, block 3 says I010034 1"),
@@ -117,6 +129,22 @@ class CheckerTest(unittest.TestCase):
                 status, summary = self.run_check("--exact", up.write(self.tmp))
                 self.assertEqual(status, 1)
                 self.assertIn(fault, "\n".join(summary["faults"]))
+
+    def test_live_spool_and_logged_names(self):
+        # No index yet, and the last line of a file may be cut: records come
+        # from the whole lines, in name order.
+        code = "WA_SOURCE_FJ_0002"
+        line = "v\t" * (len(qz_bcp.NAMES[code]) - 1) + "%d\n"
+        for seq, text in ((1, line % 2 + line[:5]), (0, line % 1)):
+            with open(os.path.join(self.tmp, bcp_name(145, code, seq)), "w") as f:
+                f.write(text)
+        self.assertEqual([r["CAPTURE_TIME"] for r in qz_bcp.read(self.tmp).records(code)],
+                         ["1", "2"])
+        log = ("2024-3-5 7:9:1 netbar_report_timer<9>: DEBUG:form zip file :a.zip\n"
+               "2024-3-5 7:9:1 bjson_report_timer<9>: DEBUG:send bjson file :/tmp/144/b.bjson\n"
+               "2024-3-5 7:14:1 netbar_report_timer<9>: DEBUG:form zip file :c.z")
+        self.assertEqual([qz_bcp.logged_names(log, r) for r in ("tmp/145", "tmp/144", "tmp/146")],
+                         [["a.zip"], ["b.bjson"], []])
 
     def test_zip_names_and_groups(self):
         cases = [
