@@ -11,8 +11,8 @@
 #include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
-#include "output/bcp_dataset.h"
 #include "netbar/netbar_terminal.h"
+#include "output/bcp_dataset.h"
 #include "output/unsent.h"
 #include "status/bjson.h"
 

@@ -103,8 +103,9 @@ pid_t spawn_shell(const char *cmd, int out_fd, int close_fd) {
     posix_spawn_file_actions_destroy(&actions);
     return -1;
   }
-  // The daemon ignores SIGPIPE; its commands (pipelines that end early)
-  // are killed by it as anywhere else, and wait for their own children.
+  // Commands start with the default dispositions, whatever the daemon's
+  // (it ignores SIGPIPE): a writer into a pipeline that ended early is
+  // killed as anywhere else, and a shell can wait for its children.
   sigset_t defaults;
   sigemptyset(&defaults);
   sigaddset(&defaults, SIGPIPE);

@@ -86,8 +86,7 @@ void terminal_del(netbar_terminal *t) {
 // A new terminal and a full table: the longest online goes, with its
 // offline record.
 void make_room(const char *key) {
-  if (counters.now < NETBAR_TERMINALS_MAX || !oldest ||
-      str_table_get(netbar_terminal_table, key))
+  if (counters.now < NETBAR_TERMINALS_MAX || !oldest || str_table_get(netbar_terminal_table, key))
     return;
   netbar_0001_write(false, *oldest);
   terminal_del(oldest);

@@ -107,16 +107,16 @@ TEST(Config, UnsentDirComparedInCanonicalForm) {
     const char *dir;
     bool taken;
   } cases[] = {
-      {"//tmp", false},          {"/tmp/.", false},        {"/./tmp", false},
-      {"/tmp/./", false},        {"/tmp/145/", false},     {"/tmp//145", false},
-      {"//tmp//144//", false},   {"/./tmp/./146/.", false}, {"/tmp/./145/u", false},
-      {"/tmp//146/u/", false},   {"/tmp/qz_unsent/", true}, {"//tmp//qz_unsent", true},
-      {"/tmp/./qz.u/.", true},   {"/tmp//1450", true},     {"/tmp/.145", true},
+      {"//tmp", false},        {"/tmp/.", false},         {"/./tmp", false},
+      {"/tmp/./", false},      {"/tmp/145/", false},      {"/tmp//145", false},
+      {"//tmp//144//", false}, {"/./tmp/./146/.", false}, {"/tmp/./145/u", false},
+      {"/tmp//146/u/", false}, {"/tmp/qz_unsent/", true}, {"//tmp//qz_unsent", true},
+      {"/tmp/./qz.u/.", true}, {"/tmp//1450", true},      {"/tmp/.145", true},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.dir);
-    ASSERT_TRUE(write_file("/tmp/c.json",
-                           test_config_json({{"fh_unsent_dir", std::string("\"") + c.dir + "\""}})));
+    ASSERT_TRUE(write_file(
+        "/tmp/c.json", test_config_json({{"fh_unsent_dir", std::string("\"") + c.dir + "\""}})));
     ::testing::internal::CaptureStderr();
     const int rc = qz2fh_config_load("/tmp/c.json");
     const std::string err = ::testing::internal::GetCapturedStderr();

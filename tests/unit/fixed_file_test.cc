@@ -101,7 +101,8 @@ TEST(FixedFile, ReplaceGoesThroughATemporaryFileOfItsOwn) {
        [](auto &, auto &t) { ASSERT_EQ(symlink(TARGET, t.c_str()), 0); }},
       {"a dangling link at the temporary name",
        [](auto &, auto &t) { ASSERT_EQ(symlink("/tmp/made_by_link", t.c_str()), 0); }},
-      {"a FIFO at the temporary name", [](auto &, auto &t) { ASSERT_EQ(mkfifo(t.c_str(), 0666), 0); }},
+      {"a FIFO at the temporary name",
+       [](auto &, auto &t) { ASSERT_EQ(mkfifo(t.c_str(), 0666), 0); }},
       {"a FIFO at the name", [](auto &p, auto &) { ASSERT_EQ(mkfifo(p.c_str(), 0666), 0); }},
       {"a leftover of a killed run", [](auto &, auto &t) { ASSERT_TRUE(write_file(t, "{\"cut")); }},
   };
