@@ -141,7 +141,7 @@ class HostCase(SandboxCase):
         numbers = []
         for up in uploads(self.sb.ftp, "tmp/145"):
             if up.path not in self._parsed:
-                self._parsed[up.path] = qz_soak.read_zip_records(up.path)[1]
+                self._parsed[up.path] = qz_soak.read_records(up.path)[1]
             numbers += self._parsed[up.path]
         return numbers
 
