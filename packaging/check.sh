@@ -3,7 +3,7 @@
 # syntax checks of sh and busybox sh, and shellcheck; the example
 # configuration must hold every key the daemon needs, as a string, the
 # rpcd ACL must be JSON, and the OpenWrt package must carry the tree's
-# version and depend on wput.
+# version and depend on wput-curl, which installs /usr/bin/wput.
 # Exit status 0 when everything passes, 1 otherwise.
 set -u
 
@@ -83,7 +83,10 @@ if [ -z "$cmake_version" ] || [ "$pkg_version" != "$cmake_version" ]; then
 fi
 grep -q '^PKG_HASH:=[0-9a-f]\{64\}$' "$makefile" || fail "openwrt/Makefile: PKG_HASH is no SHA-256"
 grep -q '+libstdcpp' "$makefile" && fail "openwrt/Makefile: the router build needs no libstdcpp"
-grep -q '^  DEPENDS:=.*+wput' "$makefile" || fail "openwrt/Makefile: wput, which sends every upload, is no dependency"
+grep -q '^  DEPENDS:=.*+wput-curl' "$makefile" || fail "openwrt/Makefile: wput-curl, which sends every upload, is no dependency"
+# shellcheck disable=SC2016 # make's variables, not the shell's
+grep -qxF '	$(INSTALL_BIN) ./files/wput-curl $(1)/usr/bin/wput' "$makefile" ||
+	fail "openwrt/Makefile: wput-curl is not installed as /usr/bin/wput"
 
 if [ "$failed" -eq 0 ]; then
 	echo "packaging: $checked shell scripts and the example configuration pass"

@@ -8,6 +8,6 @@ apt-get install -y --no-install-recommends \
     libglib2.0-dev libjansson-dev \
     googletest libgtest-dev libbenchmark-dev \
     clang-14 libclang-rt-14-dev shellcheck \
-    faketime zip unzip wput python3 python3-pyftpdlib \
+    faketime zip unzip wput curl python3 python3-pyftpdlib \
     iproute2 net-tools util-linux procps gawk libxml2-utils \
     busybox dash
