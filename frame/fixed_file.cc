@@ -33,19 +33,6 @@ int create_new(const char *path, mode_t mode) {
   return open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
 }
 
-bool write_all(int fd, const char *data, size_t len) {
-  while (len > 0) {
-    const ssize_t n = write(fd, data, len);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    data += n;
-    len -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 int fixed_file_replace(const char *path, const char *data, size_t len, mode_t mode) {
@@ -63,7 +50,7 @@ int fixed_file_replace(const char *path, const char *data, size_t len, mode_t mo
     fd.reset(create_new(tmp, mode));
   if (!fd)
     return -1;
-  bool done = write_all(fd.get(), data, len);
+  bool done = fixed_file_write_all(fd.get(), data, len);
   if (close(fd.release()) != 0)
     done = false;
   if (done && rename(tmp, path) == 0)
@@ -72,4 +59,17 @@ int fixed_file_replace(const char *path, const char *data, size_t len, mode_t mo
   unlink(tmp);
   errno = err;
   return -1;
+}
+
+bool fixed_file_write_all(int fd, const char *data, size_t len) {
+  while (len > 0) {
+    const ssize_t n = write(fd, data, len);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    data += n;
+    len -= static_cast<size_t>(n);
+  }
+  return true;
 }

@@ -20,3 +20,7 @@ int fixed_file_open_lock(const char *path);
 // temporary name is removed first (never followed). 0, or -1 with errno
 // set and the temporary file removed.
 int fixed_file_replace(const char *path, const char *data, size_t len, mode_t mode);
+
+// Writes all of data to fd, through short writes and interruptions; false
+// on an error (errno set).
+bool fixed_file_write_all(int fd, const char *data, size_t len);

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "config/config.h"
+#include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
 #include "output/dir_listing.h"
@@ -75,19 +76,6 @@ const char *literal(const char *s, const char *text) {
   return s && strncmp(s, text, n) == 0 ? s + n : nullptr;
 }
 
-bool write_all(int fd, const char *buf, size_t len) {
-  while (len > 0) {
-    const ssize_t n = write(fd, buf, len);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    buf += n;
-    len -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Copies src to dst through dst.part, keeping the time of writing, which
 // orders the kept files.
 bool copy_file(const char *src, const char *dst) {
@@ -111,7 +99,7 @@ bool copy_file(const char *src, const char *dst) {
       ok = false;
     if (n <= 0)
       break;
-    if (!write_all(out.get(), buf, static_cast<size_t>(n))) {
+    if (!fixed_file_write_all(out.get(), buf, static_cast<size_t>(n))) {
       ok = false;
       break;
     }

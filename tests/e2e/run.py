@@ -23,12 +23,13 @@ sys.path.insert(0, HERE)
 import qz_sandbox  # noqa: E402
 
 
-def main():
+def main(here=HERE, usage=__doc__):
+    """Runs the module named on the command line, a file of here."""
     if len(sys.argv) < 2 or sys.argv[1].startswith("-"):
-        sys.exit(__doc__.strip())
+        sys.exit(usage.strip())
     module, names = sys.argv[1], sys.argv[2:]
-    if not os.path.isfile(os.path.join(HERE, module + ".py")):
-        sys.exit("run.py: no test module %s in %s" % (module, HERE))
+    if not os.path.isfile(os.path.join(here, module + ".py")):
+        sys.exit("run.py: no test module %s in %s" % (module, here))
     default_bin = os.path.join(ROOT, "build", "qz_fh_audit")
     if "QZ_BIN" not in os.environ and os.path.exists(default_bin):
         os.environ["QZ_BIN"] = default_bin
