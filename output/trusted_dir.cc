@@ -61,7 +61,7 @@ FILE *trusted_dir_open_append(const char *path) {
 trusted_dir_result trusted_dir_ensure(const char *path, bool warn_missing) {
   struct stat st;
   trusted_dir_result made = trusted_dir_result::made;
-  if (stat(path, &st) == 0) {
+  if (lstat(path, &st) == 0) {
     if (own_dir(st)) {
       if ((st.st_mode & 07777) == 0700)
         return trusted_dir_result::ok;
