@@ -113,6 +113,10 @@ class DurableRunTest(unittest.TestCase):
         # Third run: everything kept goes out in its first cycles.
         d = sb.start_daemon(["-D"], start=START_EPOCH + 2 * HOUR)
         wait_running(d, lambda: not kept(145) and not kept(146), "kept files sent")
+        # The status report follows the groups in their tick: a stop in the
+        # middle of its upload would rightly keep its file too.
+        reports = d.stdout_text().count("send bjson file :")
+        wait_count(d, "send bjson file :", reports + 1)
         d.signal(signal.SIGTERM)
         d.wait(LONG_WAIT)
         cls.kept_at_third_stop = sorted(ZIP_ANY.findall(d.stdout_text())[-2:])
