@@ -95,6 +95,9 @@ TEST(Command, AWaitThatFindsNoChildIsAFailure) {
 // The daemon ignores SIGPIPE; its commands must not: a pipeline whose
 // reader ends early ends its writers, as it does anywhere.
 TEST(Command, CommandsStartWithTheDefaultSigpipe) {
+#ifdef QZ_TEST_EMULATED
+  GTEST_SKIP() << "qemu-user keeps its own SIGPIPE disposition for the programs it starts";
+#endif
   signal(SIGPIPE, SIG_IGN);
   std::string out;
   ASSERT_EQ(command_read("sed -n 's/^SigIgn:\\t//p' /proc/$$/status", &out, 100), 0);
