@@ -80,7 +80,7 @@ int netbar_basic_0003_2_write(const char *mac) {
 
 void netbar_basic_init(bcp_dataset *datasets) { basic_datasets = datasets; }
 
-const bcp_dataset_spec netbar_basic_datasets[NETBAR_BASIC_DATASETS] = {
+const bcp_dataset_decl netbar_basic_datasets[NETBAR_BASIC_DATASETS] = {
     {"WA_BASIC_FJ_0001", [] { return bcp_make_template(basic_0001_columns, BCP_STYLE_PLAIN); },
      netbar_basic_0001_write, nullptr, "netbar_basic_0001_report_timer", REPORT_COUNTDOWN_SECONDS},
     {"WA_BASIC_FJ_0002", [] { return bcp_make_template(basic_0002_columns, BCP_STYLE_PLAIN); },

@@ -7,7 +7,7 @@
 
 // The four datasets as the group declares them, in index order.
 constexpr int NETBAR_BASIC_DATASETS = 4;
-extern const bcp_dataset_spec netbar_basic_datasets[NETBAR_BASIC_DATASETS];
+extern const bcp_dataset_decl netbar_basic_datasets[NETBAR_BASIC_DATASETS];
 
 // Gives the writers their datasets: the group's four, in the order above,
 // from datasets on.

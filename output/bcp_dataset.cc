@@ -25,19 +25,19 @@ bool unflushed;  // a line was written since the last flush
 // The periodic job of a dataset with a writer: its record, or one record
 // per listed access point.
 report_result bcp_dataset_timer(void *arg) {
-  const bcp_dataset_spec *spec = static_cast<bcp_dataset *>(arg)->spec;
-  if (spec->write_ap)
-    return wtps_scan(spec->write_ap, spec->timer_name);
-  spec->write();
+  const bcp_dataset_decl *decl = static_cast<bcp_dataset *>(arg)->decl;
+  if (decl->write_ap)
+    return wtps_scan(decl->write_ap, decl->timer_name);
+  decl->write();
   return report_result::done;
 }
 
-void bcp_dataset_setup(bcp_dataset *ds, const bcp_dataset_spec *spec) {
-  bcp_dataset_init(ds, spec->name, spec->index_template ? spec->index_template() : nullptr);
-  ds->spec = spec;
-  if (!spec->write && !spec->write_ap)
+void bcp_dataset_setup(bcp_dataset *ds, const bcp_dataset_decl *decl) {
+  bcp_dataset_init(ds, decl->name, decl->index_template ? decl->index_template() : nullptr);
+  ds->decl = decl;
+  if (!decl->write && !decl->write_ap)
     return;
-  report_timer_init(&ds->timer, bcp_dataset_timer, spec->period,
+  report_timer_init(&ds->timer, bcp_dataset_timer, decl->period,
                     {ds->group->timer.order.owner, report_phase::records}, ds);
   report_timer_add(&ds->timer);
 }
@@ -49,7 +49,7 @@ int bcp_group_count() { return group_count; }
 bcp_group *bcp_group_at(int index) { return groups[index]; }
 
 void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
-                    report_result (*archive_timer)(void *), const bcp_dataset_spec *specs,
+                    report_result (*archive_timer)(void *), const bcp_dataset_decl *decls,
                     int count) {
   if (group_count < BCP_MAX_GROUPS)
     groups[group_count++] = group;
@@ -76,7 +76,7 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
     bcp_spool_bound_update(group);
   }
   for (int i = 0; i < count && i < BCP_GROUP_DATASETS; i++)
-    bcp_dataset_setup(&group->datasets[i], &specs[i]);
+    bcp_dataset_setup(&group->datasets[i], &decls[i]);
 }
 
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template) {

@@ -24,7 +24,7 @@ struct bcp_line_plan;
 // how its index template is built, and how its records are made. Datasets
 // fed by events have no writer here; those that never write have no
 // template either.
-struct bcp_dataset_spec {
+struct bcp_dataset_decl {
   const char *name;                  // dataset code
   const char *(*index_template)();   // built once at set-up; null: never writes
   int (*write)();                    // its periodic record of fixed values, or null
@@ -47,7 +47,7 @@ struct bcp_dataset {
   uint64_t unreported;    // records lost since the last ERROR line about them
   int last_error;         // errno of the last loss
   uint64_t file_bytes;    // bytes written to the current file
-  const bcp_dataset_spec *spec;  // how it is written; null for a test's own
+  const bcp_dataset_decl *decl;  // how it is written; null for a test's own
   report_timer timer;            // its periodic job, when it has a writer
 };
 
@@ -94,12 +94,12 @@ bcp_group *bcp_group_at(int index);
 // Names the group, links its datasets to it, schedules its archive timer
 // (archive_timer with the group as argument) every 300 s, and empties and
 // creates its spool directory. Groups live in zeroed static storage (their
-// lists are large) and get their identity here. With specs, its datasets
+// lists are large) and get their identity here. With decls, its datasets
 // are then set up from that table, in order, each writer with its periodic
 // job in the group's records phase.
 void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const char *cycle_name,
                     report_result (*archive_timer)(void *),
-                    const bcp_dataset_spec *specs = nullptr, int count = 0);
+                    const bcp_dataset_decl *decls = nullptr, int count = 0);
 // Fills a dataset descriptor: no open file, its code and template.
 void bcp_dataset_init(bcp_dataset *ds, const char *name, const char *index_template);
 

@@ -96,7 +96,7 @@ namespace {
 
 // The group's datasets, in index order. The two source datasets are
 // registered but never write.
-const bcp_dataset_spec source_datasets[] = {
+const bcp_dataset_decl source_datasets[] = {
     {"WA_SOURCE_FJ_1001", nullptr, nullptr, nullptr, nullptr, 0},
     {"WA_SOURCE_FJ_1002", nullptr, nullptr, nullptr, nullptr, 0},
     {"WA_BASIC_FJ_1001",

@@ -529,7 +529,7 @@ class FailingZipTest(HostCase):
             self.wait_received(d, first)
             self.assert_once(range(60))
         else:
-            # As specified without the key: that cycle's files are deleted.
+            # Without the key, as always: that cycle's files are deleted.
             self.assert_once(later)
 
 

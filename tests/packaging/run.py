@@ -18,9 +18,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 
 # The end-to-end runner, given this directory's modules.
-_spec = importlib.util.spec_from_file_location("e2e_run", os.path.join(ROOT, "tests", "e2e", "run.py"))
-e2e_run = importlib.util.module_from_spec(_spec)
-_spec.loader.exec_module(e2e_run)
+_loader = importlib.util.spec_from_file_location("e2e_run", os.path.join(ROOT, "tests", "e2e", "run.py"))
+e2e_run = importlib.util.module_from_spec(_loader)
+_loader.loader.exec_module(e2e_run)
 sys.path.insert(0, HERE)  # this directory's modules before the end-to-end ones
 
 if __name__ == "__main__":
