@@ -2,12 +2,14 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -16,6 +18,7 @@
 #include "frame/eloop.h"
 #include "frame/log.h"
 #include "frame/paths.h"
+#include "frame/str_table.h"
 #include "frame/text.h"
 #include "frame/unique_fd.h"
 
@@ -183,6 +186,65 @@ bool wifi_info_parse(const char *text, size_t len, wifi_info *info) {
          text_copy(tokens[5], info->aux2, sizeof(info->aux2));
 }
 
+namespace {
+
+// Paths already reported unusable in this tick: a planted FIFO or link is
+// named once per tick, not once per record. Bounded; past the bound the
+// rest of the tick is quiet.
+constexpr unsigned WARNED_MAX = 64;
+GHashTable *warned;
+
+void status_file_refused(const char *path, const char *why) {
+  if (!warned)
+    warned = str_table_new();
+  if (!warned || str_table_get(warned, path) || g_hash_table_size(warned) >= WARNED_MAX)
+    return;
+  const size_t len = strlen(path);
+  auto *copy = static_cast<char *>(malloc(len + 1));
+  if (!copy)
+    return;
+  memcpy(copy, path, len + 1);
+  str_table_put(warned, copy, copy);
+  log_msg_as("qz2fh_get_wifi_info", WARN, "status file %s not used: %s\n", path, why);
+}
+
+// A status file as the router's writers (root) leave it: a regular file of
+// root's or the daemon's, with one name. Anything else another account can
+// plant in /tmp (a FIFO that would block the read, a link that would put
+// another file's words in a record) counts as missing.
+unique_fd open_status_file(const char *path) {
+  unique_fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) {
+    if (errno == ELOOP)
+      status_file_refused(path, "a link");
+    else if (errno != ENOENT && errno != ENOTDIR)
+      status_file_refused(path, strerror(errno));
+    return fd;
+  }
+  struct stat st;
+  const char *why = nullptr;
+  if (fstat(fd.get(), &st) != 0)
+    why = strerror(errno);
+  else if (!S_ISREG(st.st_mode))
+    why = "not a regular file";
+  else if (st.st_uid != 0 && st.st_uid != geteuid())
+    why = "owned by another account";
+  else if (st.st_nlink != 1)
+    why = "another name links to it";
+  if (why) {
+    status_file_refused(path, why);
+    fd.reset();
+  }
+  return fd;
+}
+
+}  // namespace
+
+void qz2fh_status_files_tick() {
+  if (warned)
+    g_hash_table_remove_all(warned);
+}
+
 const wifi_info *qz2fh_get_wifi_info(const char *mac) {
   static wifi_info info;
   if (!mac || !qz2fh_mac_text_ok(mac)) {
@@ -191,12 +253,12 @@ const wifi_info *qz2fh_get_wifi_info(const char *mac) {
   }
   char path[1024];
   snprintf(path, sizeof(path), "%s%s", QZ_CLT_WIFI_INFO_DIR, mac);
-  unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  unique_fd fd = open_status_file(path);
   if (!fd) {
     if (access(QZ_AC_STATUS_PATH, F_OK) != 0)
       return nullptr;
     snprintf(path, sizeof(path), "%s%s", QZ_CLT_AP_INFO_DIR, mac);
-    fd.reset(open(path, O_RDONLY | O_CLOEXEC));
+    fd = open_status_file(path);
     if (!fd)
       return nullptr;
   }

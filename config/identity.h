@@ -29,7 +29,12 @@ const char *qz2fh_get_route_ip();
 // so that no command runs while a record is built.
 const char *qz2fh_route_ip_known();
 // Wireless record of a client from the router's status files, or null.
+// Only a regular file of root's or the daemon's own with a single name is
+// read, never through a link and never waiting on it; any other file there
+// counts as missing, with one WARN line per path and tick.
 const wifi_info *qz2fh_get_wifi_info(const char *mac);
+// The tick: paths reported unusable may be reported again.
+void qz2fh_status_files_tick();
 
 // A MAC text from outside that is safe to use as a file name and in a
 // record: 1 to 31 printable characters, no blank, no "/", no "..", no quote

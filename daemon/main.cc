@@ -14,6 +14,7 @@
 #include <ctime>
 
 #include "config/config.h"
+#include "config/identity.h"
 #include "daemon/stats.h"
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
@@ -39,6 +40,7 @@ report_result tick_report_timer(void *) {
   feed_queue_report();
   bcp_tick();
   bjson_tick();
+  qz2fh_status_files_tick();
   stats_write(started);
   return report_result::done;
 }
@@ -114,7 +116,10 @@ int main(int argc, char *argv[]) {
   }
 
   static const char lock_failed[] = "can not get file lock or open file failed";
-  // Anything but a plain file of our own there counts as a failed open.
+  // What another account put there first would keep every start from
+  // taking the lock: moved aside. Anything else but a plain file of our
+  // own there counts as a failed open.
+  fixed_file_clear_foreign(QZ_FILE_LOCK_PATH, "lock file");
   lock_fd = fixed_file_open_lock(QZ_FILE_LOCK_PATH);
   if (lock_fd < 0) {
     printf("open QZ_FILE_LOCK_PATH failed!");
@@ -150,8 +155,13 @@ int main(int argc, char *argv[]) {
     return -1;
   }
   started = time(nullptr);
-  if (unsent_enabled())
+  if (unsent_enabled()) {
+    if (unsent_store_open() != 0) {
+      log_msg(ERROR, "config init failed\n");
+      return -1;
+    }
     durable_stop_signals();
+  }
   report_timer_start();
   if (source_group_init() != 0) {
     log_msg(ERROR, "terminal group set-up failed\n");

@@ -63,6 +63,8 @@ json_t *uploads(uint32_t id, const upload_counters &c) {
   json_object_set_new(g, "last_upload_status", json_integer(c.last_upload_status));
   json_object_set_new(g, "unsent_files", number(files));
   json_object_set_new(g, "unsent_bytes", number(bytes));
+  json_object_set_new(g, "unsent_deleted", number(unsent_counts(id).deleted));
+  json_object_set_new(g, "unsent_dropped", number(unsent_counts(id).dropped));
   json_object_set_new(g, "write_errors", number(c.write_errors));
   json_object_set_new(g, "early_archives", number(c.early_archives));
   json_object_set_new(g, "dirs_replaced", number(c.dirs_replaced));

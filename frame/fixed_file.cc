@@ -6,8 +6,44 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 
+#include "frame/log.h"
 #include "frame/unique_fd.h"
+
+bool fixed_file_move_aside(const char *path, char *aside, size_t size) {
+  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
+  for (int k = 0; k < 10; k++) {
+    const int n = k == 0 ? snprintf(aside, size, "%s.untrusted.%llu", path, now)
+                         : snprintf(aside, size, "%s.untrusted.%llu.%d", path, now, k);
+    if (n < 0 || static_cast<size_t>(n) >= size) {
+      errno = ENAMETOOLONG;
+      return false;
+    }
+    struct stat st;
+    if (lstat(aside, &st) == 0)
+      continue;
+    return rename(path, aside) == 0;
+  }
+  errno = EEXIST;
+  return false;
+}
+
+int fixed_file_clear_foreign(const char *path, const char *what, mode_t type) {
+  struct stat st;
+  if (lstat(path, &st) != 0 ||
+      (st.st_uid == geteuid() && (type == 0 || (st.st_mode & S_IFMT) == type)))
+    return 0;
+  char aside[512];
+  if (!fixed_file_move_aside(path, aside, sizeof(aside))) {
+    log_msg(ERROR, "%s is not the daemon's own %s and cannot be moved aside: %s\n", path, what,
+            strerror(errno));
+    return -1;
+  }
+  log_msg(ERROR, "%s is not the daemon's own %s: moved aside to %s\n", path, what, aside);
+  return 1;
+}
 
 int fixed_file_open_lock(const char *path) {
   // O_NONBLOCK: a FIFO planted there would otherwise hold the open until

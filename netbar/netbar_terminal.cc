@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "config/identity.h"
 #include "frame/eloop.h"
 #include "frame/feed_queue.h"
+#include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/report_timer.h"
@@ -298,12 +300,20 @@ int netbar_create_unix_sock() {
     log_msg(ERROR, "socket failed:");
     return -1;
   }
+  // Our own socket of an earlier run is replaced; anything else there
+  // (another account's directory or socket would make bind fail and lose
+  // every terminal record) is moved aside first.
+  fixed_file_clear_foreign(QZ_SHELL_SOCK_PATH, "socket", S_IFSOCK);
   unlink(QZ_SHELL_SOCK_PATH);
   sockaddr_un addr;
   memset(&addr, 0, sizeof(addr));
   addr.sun_family = AF_UNIX;
   strncpy(addr.sun_path, QZ_SHELL_SOCK_PATH, sizeof(addr.sun_path) - 1);
-  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+  // Only root's senders may write to it, whatever umask the daemon got.
+  const mode_t umask_was = umask(0177);
+  const int bound = bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
+  umask(umask_was);
+  if (bound != 0 || chmod(QZ_SHELL_SOCK_PATH, 0600) != 0) {
     log_msg(ERROR, "bind failed!");
     close(fd);
     return -1;

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
+#include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
 
@@ -18,22 +18,6 @@ constexpr size_t ASIDE_SIZE = 512;
 
 bool own_dir(const struct stat &st) {
   return S_ISDIR(st.st_mode) && st.st_uid == geteuid();
-}
-
-// Renames path out of the way under a name nobody else has taken.
-bool move_aside(const char *path, char *aside, size_t size) {
-  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
-  for (int k = 0; k < 10; k++) {
-    const int n = k == 0 ? snprintf(aside, size, "%s.untrusted.%llu", path, now)
-                         : snprintf(aside, size, "%s.untrusted.%llu.%d", path, now, k);
-    if (n < 0 || static_cast<size_t>(n) >= size)
-      return false;
-    struct stat st;
-    if (lstat(aside, &st) == 0)
-      continue;
-    return rename(path, aside) == 0;
-  }
-  return false;
 }
 
 }  // namespace
@@ -71,7 +55,7 @@ trusted_dir_result trusted_dir_ensure(const char *path, bool warn_missing) {
       return trusted_dir_result::failed;
     }
     char aside[ASIDE_SIZE];
-    if (!move_aside(path, aside, sizeof(aside))) {
+    if (!fixed_file_move_aside(path, aside, sizeof(aside))) {
       log_msg(ERROR, "%s is not the daemon's own directory and cannot be moved aside: %s\n", path,
               strerror(errno));
       return trusted_dir_result::failed;

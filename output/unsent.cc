@@ -1,14 +1,18 @@
 #include "output/unsent.h"
 
 #include <dirent.h>
+#include <limits.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <string>
 #include <utility>
 
 #include "config/config.h"
@@ -31,36 +35,121 @@ bool ends_with(const char *s, const char *suffix) {
 
 bool fits(int n, size_t size) { return n >= 0 && static_cast<size_t>(n) < size; }
 
-// mkdir -p for the configured directory's parents; the directory and the
-// group's below it must be the daemon's own (see trusted_dir_ensure).
-bool make_dirs(const char *path) {
-  char prefix[UNSENT_PATH_SIZE];
-  const size_t len = strlen(path);
-  const char *group = strrchr(path, '/');
-  if (len >= sizeof(prefix) || !group || group == path)
+// The configured directory, without trailing slashes.
+bool store_base(char *base, size_t size) {
+  const char *dir = qz2fh_get_unsent_dir();
+  if (!dir)
     return false;
-  const size_t base_len = static_cast<size_t>(group - path);
-  for (size_t i = 1; i < base_len; i++) {
-    if (path[i] != '/')
-      continue;
-    memcpy(prefix, path, i);
-    prefix[i] = '\0';
-    if (mkdir(prefix, 0755) != 0 && errno != EEXIST)
+  size_t len = strlen(dir);
+  while (len > 1 && dir[len - 1] == '/')
+    len--;
+  return fits(snprintf(base, size, "%.*s", static_cast<int>(len), dir), size);
+}
+
+// Where path leads: realpath of its longest existing part, the rest
+// appended as written.
+bool resolve(const char *path, char *out, size_t size) {
+  std::string head(path), rest;
+  for (;;) {
+    char real[PATH_MAX];
+    if (realpath(head.empty() ? "/" : head.c_str(), real)) {
+      std::string r = strcmp(real, "/") == 0 ? std::string() : std::string(real);
+      r += rest;
+      return fits(snprintf(out, size, "%s", r.empty() ? "/" : r.c_str()), size);
+    }
+    const size_t slash = head.rfind('/');
+    if (errno != ENOENT || slash == std::string::npos)
       return false;
+    rest.insert(0, head, slash, std::string::npos);
+    head.resize(slash);
   }
-  memcpy(prefix, path, base_len);
-  prefix[base_len] = '\0';
-  return trusted_dir_ensure(prefix, false) != trusted_dir_result::failed &&
-         trusted_dir_ensure(path, false) != trusted_dir_result::failed;
+}
+
+bool inside(const char *path, const char *dir) {
+  const size_t n = strlen(dir);
+  return strncmp(path, dir, n) == 0 && (path[n] == '\0' || path[n] == '/');
+}
+
+// The store's directory must be the daemon's own, and never lead into the
+// spool: it is made (with its missing parents) when absent, and anything
+// else found there is refused, never changed, since the daemon did not
+// make it. Null when usable, else the reason, in why.
+const char *store_refusal(const char *base, char *why, size_t size) {
+  char real[UNSENT_PATH_SIZE];
+  if (!resolve(base, real, sizeof(real))) {
+    snprintf(why, size, "cannot be resolved: %s", strerror(errno));
+    return why;
+  }
+  char tmp[PATH_MAX];
+  const char *tmp_real = realpath("/tmp", tmp) ? tmp : "/tmp";
+  bool spool = strcmp(real, "/tmp") == 0 || strcmp(real, tmp_real) == 0;
+  for (const char *top : {"/tmp", tmp_real}) {
+    for (uint32_t id : {QZ2FH_STATUS_DIR_ID, 145u, 146u}) {
+      char dir[PATH_MAX + 16];
+      snprintf(dir, sizeof(dir), "%s/%d", top, static_cast<int>(id));
+      spool = spool || inside(real, dir);
+    }
+  }
+  if (spool) {
+    snprintf(why, size, "leads to %s, inside /tmp", real);
+    return why;
+  }
+  struct stat st;
+  if (stat(base, &st) != 0) {
+    if (errno != ENOENT) {
+      snprintf(why, size, "cannot be checked: %s", strerror(errno));
+      return why;
+    }
+    char prefix[UNSENT_PATH_SIZE];
+    const size_t len = strlen(base);
+    for (size_t i = 1; i <= len; i++) {
+      if (i < len && base[i] != '/')
+        continue;
+      memcpy(prefix, base, i);
+      prefix[i] = '\0';
+      if (mkdir(prefix, i == len ? 0700 : 0755) != 0 && errno != EEXIST) {
+        snprintf(why, size, "cannot be made: %s", strerror(errno));
+        return why;
+      }
+    }
+    if (stat(base, &st) != 0) {
+      snprintf(why, size, "cannot be made: %s", strerror(errno));
+      return why;
+    }
+  }
+  if (!S_ISDIR(st.st_mode))
+    snprintf(why, size, "not a directory");
+  else if (st.st_uid != geteuid())
+    snprintf(why, size, "owned by uid %lu, not by this daemon", static_cast<unsigned long>(st.st_uid));
+  else if ((st.st_mode & 07777) != 0700)
+    snprintf(why, size, "mode %04o, not 0700", static_cast<unsigned>(st.st_mode & 07777));
+  else
+    return nullptr;
+  return why;
+}
+
+// The group's directory in a usable store, made when absent; group
+// directories are the daemon's alone (see trusted_dir_ensure).
+bool group_dir_ready(const char *dir) {
+  char base[UNSENT_PATH_SIZE], why[UNSENT_PATH_SIZE + 64];
+  if (!store_base(base, sizeof(base)))
+    return false;
+  if (store_refusal(base, why, sizeof(why))) {
+    log_msg_as("unsent_keep", ERROR, "fh_unsent_dir %s: %s, refused\n", qz2fh_get_unsent_dir(), why);
+    return false;
+  }
+  return trusted_dir_ensure(dir, false) != trusted_dir_result::failed;
 }
 
 // One field of a name: what the configuration allows in a file name part.
+// Empty is allowed: the configuration lets fh_source_str and fh_dst_str
+// be empty, and every name the daemon makes must be keepable.
 const char *name_part(const char *s, char end) {
   const char *p = s;
   while ((*p >= 'A' && *p <= 'Z') || (*p >= 'a' && *p <= 'z') || (*p >= '0' && *p <= '9') ||
          *p == '_' || *p == '.')
     p++;
-  return p > s && p - s <= 64 && *p == end ? p + 1 : nullptr;
+  return p - s <= 64 && *p == end ? p + 1 : nullptr;
 }
 
 const char *digits(const char *s, char end, size_t min, size_t max) {
@@ -120,6 +209,31 @@ bool older(const unsent_file &x, const unsent_file &y) {
   return strcmp(x.name(), y.name()) < 0;
 }
 
+// What the store did beyond keeping, per group, and the groups that use
+// it (those prepared at start-up).
+struct store_group {
+  uint32_t id;
+  unsent_counters counts;
+};
+store_group store_groups[4];
+int store_group_count;
+
+unsent_counters *counts_of(uint32_t id) {
+  for (int i = 0; i < store_group_count; i++)
+    if (store_groups[i].id == id)
+      return &store_groups[i].counts;
+  if (store_group_count == static_cast<int>(std::size(store_groups)))
+    return nullptr;
+  store_groups[store_group_count] = store_group{id, {}};
+  return &store_groups[store_group_count++].counts;
+}
+
+void delete_kept(uint32_t id, const unsent_file &f) {
+  unlink(f.path);
+  if (unsent_counters *c = counts_of(id))
+    c->deleted++;
+}
+
 // Deletes the oldest files while the group keeps more than its bounds.
 void enforce_bounds(uint32_t id) {
   const std::vector<unsent_file> files = unsent_files(id);
@@ -134,10 +248,76 @@ void enforce_bounds(uint32_t id) {
     log_msg_as("unsent_keep", WARN, "more than %d files or %d MiB kept for group %d: %s deleted\n",
                static_cast<int>(UNSENT_MAX_FILES), static_cast<int>(UNSENT_MAX_BYTES >> 20),
                static_cast<int>(id), f.name());
-    unlink(f.path);
+    delete_kept(id, f);
     count--;
     bytes -= f.size;
   }
+}
+
+// Bytes the store's file system would have free once a file of size bytes
+// is in, against the quarter of its size that must stay free.
+bool room_for(const char *dir, uint64_t size, bool same_fs) {
+  struct statvfs vfs;
+  if (statvfs(dir, &vfs) != 0)
+    return true;  // nothing to judge by: the copy itself will tell
+  const uint64_t unit = vfs.f_frsize ? vfs.f_frsize : vfs.f_bsize;
+  const uint64_t total = static_cast<uint64_t>(vfs.f_blocks) * unit;
+  const uint64_t avail = static_cast<uint64_t>(vfs.f_bavail) * unit;
+  const uint64_t need = same_fs ? 0 : (size + unit - 1) / unit * unit;
+  return avail >= need && avail - need >= total / 4;
+}
+
+// Makes room for a file of size bytes: the oldest kept files of any group
+// go first, each with a WARN line, until the store's file system keeps a
+// quarter of its size free with the file in. False when even an empty
+// store has no such room.
+bool make_room(const char *dir, uint64_t size, bool same_fs) {
+  while (!room_for(dir, size, same_fs)) {
+    const unsent_file *oldest = nullptr;
+    uint32_t oldest_id = 0;
+    std::vector<unsent_file> files[std::size(store_groups)];
+    for (int i = 0; i < store_group_count; i++) {
+      files[i] = unsent_files(store_groups[i].id);
+      if (!files[i].empty() && (!oldest || older(files[i][0], *oldest))) {
+        oldest = &files[i][0];
+        oldest_id = store_groups[i].id;
+      }
+    }
+    if (!oldest)
+      return false;
+    log_msg_as("unsent_keep", WARN,
+               "the store's file system would keep less than a quarter free: %s deleted\n",
+               oldest->name());
+    delete_kept(oldest_id, *oldest);
+  }
+  return true;
+}
+
+// A name in dir for name that no kept file has: its own, or with ".<n>"
+// after it (never seen by the platform, whose remote name is the spool's).
+bool free_name(const char *dir, const char *name, char *dst, size_t size) {
+  for (int k = 0; k < 100; k++) {
+    const int n = k == 0 ? snprintf(dst, size, "%s/%s", dir, name)
+                         : snprintf(dst, size, "%s/%s.%d", dir, name, k);
+    struct stat st;
+    if (!fits(n, size))
+      return false;
+    if (lstat(dst, &st) != 0 && errno == ENOENT)
+      return true;
+  }
+  errno = EEXIST;
+  return false;
+}
+
+// Moves path to the free name dst (across file systems by a copy).
+bool move_in(const char *path, const char *dst) {
+  if (rename(path, dst) == 0)
+    return true;
+  // The spool is in /tmp; the store may be on flash.
+  if (errno != EXDEV || !copy_file(path, dst))
+    return false;
+  unlink(path);
+  return true;
 }
 
 }  // namespace
@@ -146,63 +326,86 @@ bool unsent_enabled() { return qz2fh_get_unsent_dir() != nullptr; }
 
 bool unsent_own_name(uint32_t id, const char *name) {
   char head[16];
+  const char *p;
   if (id == QZ2FH_STATUS_DIR_ID) {
     // 145-<source>-<time>-<sequence>-DEVICESTATUS-0.bjson
-    const char *p = name_part(literal(name, "145-") ? name + 4 : "", '-');
+    p = name_part(literal(name, "145-") ? name + 4 : "", '-');
     p = p ? digits(p, '-', 1, 20) : nullptr;
     p = p ? digits(p, '-', 1, 10) : nullptr;
     p = literal(p, "DEVICESTATUS-0.bjson");
-    return p && *p == '\0';
+  } else {
+    // <id>-<org>-<source>-<destination>-<time>-<sequence>.zip
+    snprintf(head, sizeof(head), "%d-", static_cast<int>(id));
+    p = literal(name, head);
+    for (int i = 0; p && i < 3; i++)
+      p = name_part(p, '-');
+    p = p ? digits(p, '-', 1, 20) : nullptr;
+    p = p ? digits(p, '.', 5, 5) : nullptr;
+    p = literal(p, "zip");
   }
-  // <id>-<org>-<source>-<destination>-<time>-<sequence>.zip
-  snprintf(head, sizeof(head), "%d-", static_cast<int>(id));
-  const char *p = literal(name, head);
-  for (int i = 0; p && i < 3; i++)
-    p = name_part(p, '-');
-  p = p ? digits(p, '-', 1, 20) : nullptr;
-  p = p ? digits(p, '.', 5, 5) : nullptr;
-  p = literal(p, "zip");
+  // A second file of the same name is kept as "<name>.<n>".
+  if (p && *p == '.')
+    p = digits(p + 1, '\0', 1, 2) ? "" : nullptr;
   return p && *p == '\0';
+}
+
+int unsent_store_open() {
+  char base[UNSENT_PATH_SIZE], why[UNSENT_PATH_SIZE + 64];
+  if (!store_base(base, sizeof(base)))
+    return 0;
+  if (store_refusal(base, why, sizeof(why))) {
+    log_msg(ERROR, "fh_unsent_dir %s: %s, refused\n", qz2fh_get_unsent_dir(), why);
+    return -1;
+  }
+  return 0;
 }
 
 int unsent_prepare(uint32_t id) {
   char dir[UNSENT_PATH_SIZE];
+  counts_of(id);
   if (!unsent_dir_of(id, dir, sizeof(dir)))
     return -1;
-  return make_dirs(dir) ? 0 : -1;
+  return group_dir_ready(dir) ? 0 : -1;
 }
 
 bool unsent_dir_of(uint32_t id, char *dir, size_t size) {
-  const char *base = qz2fh_get_unsent_dir();
-  if (!base)
-    return false;
-  size_t len = strlen(base);
-  while (len > 1 && base[len - 1] == '/')
-    len--;
-  return fits(snprintf(dir, size, "%.*s/%d", static_cast<int>(len), base, static_cast<int>(id)),
-              size);
+  char base[UNSENT_PATH_SIZE];
+  return store_base(base, sizeof(base)) &&
+         fits(snprintf(dir, size, "%s/%d", base, static_cast<int>(id)), size);
 }
 
 int unsent_keep(uint32_t id, const char *path) {
   char dir[UNSENT_PATH_SIZE], dst[UNSENT_PATH_SIZE];
   const char *slash = strrchr(path, '/');
-  if (!unsent_own_name(id, slash ? slash + 1 : path) || !unsent_dir_of(id, dir, sizeof(dir)) ||
-      !fits(snprintf(dst, sizeof(dst), "%s/%s", dir, slash ? slash + 1 : path), sizeof(dst)))
-    return -1;
-  if (!make_dirs(dir)) {
-    log_msg(ERROR, "cannot create %s: %s; %s not kept\n", dir, strerror(errno), path);
-    return -1;
-  }
-  if (rename(path, dst) != 0) {
-    // The spool is in /tmp; the unsent directory may be on flash.
-    if (errno != EXDEV || !copy_file(path, dst)) {
-      log_msg(ERROR, "cannot keep %s in %s: %s\n", path, dir, strerror(errno));
-      return -1;
-    }
+  const char *name = slash ? slash + 1 : path;
+  const char *why = nullptr;
+  struct stat st, dst_st;
+  if (!unsent_own_name(id, name))
+    why = "not a name of the daemon's own files";
+  else if (!unsent_dir_of(id, dir, sizeof(dir)) || !group_dir_ready(dir))
+    why = "the store cannot be used";
+  else if (lstat(path, &st) != 0 || stat(dir, &dst_st) != 0)
+    why = strerror(errno);
+  else if (!make_room(dir, static_cast<uint64_t>(st.st_size), st.st_dev == dst_st.st_dev))
+    why = "the store's file system would keep less than a quarter of its size free";
+  else if (!free_name(dir, name, dst, sizeof(dst)) || !move_in(path, dst))
+    why = strerror(errno);
+  if (why) {
+    // Dropped: what is not kept must not stay behind in the spool either.
     unlink(path);
+    if (unsent_counters *c = counts_of(id))
+      c->dropped++;
+    log_msg_as("unsent_keep", ERROR, "%s not kept: %s\n", name, why);
+    return -1;
   }
   enforce_bounds(id);
   return 0;
+}
+
+const unsent_counters &unsent_counts(uint32_t id) {
+  static const unsent_counters none{};
+  const unsent_counters *c = counts_of(id);
+  return c ? *c : none;
 }
 
 void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix) {
@@ -214,15 +417,15 @@ void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix
     if (!ends_with(names.name(i), suffix) || !unsent_own_name(id, names.name(i)) ||
         !fits(snprintf(path, sizeof(path), "%s/%s", dir.path, names.name(i)), sizeof(path)))
       continue;
-    log_msg(DEBUG, "%s left by the last run: kept to be sent\n", names.name(i));
-    unsent_keep(id, path);
+    if (unsent_keep(id, path) == 0)
+      log_msg(DEBUG, "%s left by the last run: kept to be sent\n", names.name(i));
   }
 }
 
 std::vector<unsent_file> unsent_files(uint32_t id) {
   std::vector<unsent_file> files;
   char dir[UNSENT_PATH_SIZE];
-  if (!unsent_dir_of(id, dir, sizeof(dir)) || !make_dirs(dir))
+  if (!unsent_dir_of(id, dir, sizeof(dir)))
     return files;
   DIR *d = opendir(dir);
   if (!d)
@@ -279,11 +482,10 @@ bool upload_done(upload_counters *counters, uint32_t id, const char *path, int s
     return true;
   }
   counters->uploads_failed++;
-  if (unsent_enabled()) {
+  if (unsent_enabled() && unsent_keep(id, path) == 0) {
     const char *slash = strrchr(path, '/');
     log_msg(WARN, "upload of %s failed with status %d: kept to be sent again\n",
             slash ? slash + 1 : path, status);
-    unsent_keep(id, path);
   }
   return false;
 }

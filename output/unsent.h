@@ -24,6 +24,12 @@ bool unsent_enabled();
 // group: its zips, or for the status report its status files. Nothing else
 // in the store is sent, counted or deleted.
 bool unsent_own_name(uint32_t id, const char *name);
+// Durable mode's start-up, before any group: the configured directory must
+// be a directory of the daemon's own with mode 0700, or absent (it is then
+// made, 0700, with its missing parents 0755), and must not lead into /tmp
+// or a spool directory through links. Anything else is refused with an
+// ERROR line naming the key and why, and changed in no way. 0 or -1.
+int unsent_store_open();
 // Durable mode's start-up: makes the group's directory in the store, one
 // of the daemon's own. 0, or -1 (logged).
 int unsent_prepare(uint32_t id);
@@ -32,11 +38,21 @@ int unsent_prepare(uint32_t id);
 // dir. False when it does not fit.
 bool unsent_dir_of(uint32_t id, char *dir, size_t size);
 
-// Moves the file at path into the group's directory under its own name
-// (across file systems by copy, made whole before it gets its name), then
-// deletes the oldest kept files beyond the bounds, each with a WARN line.
-// 0, or -1 when the file could not be kept (logged; the file stays).
+// Moves the file at path into the group's directory under its own name, or
+// "<name>.<n>" when a kept file has that name (across file systems by
+// copy, made whole before it gets its name). First the oldest kept files
+// of any group are deleted until the store's file system keeps a quarter
+// of its size free with the file in; then the group's oldest files beyond
+// its bounds. Each deletion is a WARN line. 0, or -1 when the file could
+// not be kept: it is then deleted, counted and logged at ERROR.
 int unsent_keep(uint32_t id, const char *path);
+
+// What the store did with a group's files beyond keeping them.
+struct unsent_counters {
+  uint64_t deleted;  // kept files deleted to keep the bounds or make room
+  uint64_t dropped;  // files that could not be kept
+};
+const unsent_counters &unsent_counts(uint32_t id);
 
 // Durable mode: keeps every file of a spool directory whose name ends with
 // suffix (files a stopped run could not send); nothing otherwise.

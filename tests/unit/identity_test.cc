@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
 #include "config/config.h"
 #include "frame/eloop.h"
+#include "frame/log.h"
 #include "tests/unit/test_support.h"
 
 namespace {
@@ -82,6 +84,38 @@ TEST(Identity, WifiInfoFromStatusFilesWithFallback) {
   EXPECT_EQ(qz2fh_get_wifi_info(std::string(40, 'a').c_str()), nullptr);
   write_status("/tmp/qztmp/clt_wifi_info/", "empty", "");
   EXPECT_EQ(qz2fh_get_wifi_info("empty"), nullptr);
+  // What another account can plant counts as missing, with the fallback
+  // (ap2's own line), one WARN a path a tick, and is never waited on.
+  debug_mode_on();
+  const std::string planted = "/tmp/qztmp/clt_wifi_info/cc:dd";
+  const struct {
+    const char *what, *why;
+    int (*plant)(const char *path);
+  } cases[] = {
+      {"FIFO", "not a regular file", [](const char *p) { return mkfifo(p, 0666); }},
+      {"link", "a link", [](const char *p) { return symlink("/tmp/qztmp/secret", p); }},
+      {"hard link", "another name links to it", [](const char *p) { return link("/tmp/qztmp/secret", p); }},
+      {"foreign file", "owned by another account",
+       [](const char *p) { return write_file(p, "a b -1 foreign x y\n") ? chown(p, 65534, 65534) : -1; }},
+  };
+  for (const auto &c : cases) {
+    ASSERT_EQ(c.plant(planted.c_str()), 0) << c.what;
+    qz2fh_status_files_tick();
+    output_capture err(STDERR_FILENO);
+    for (int i = 0; i < 2; i++) {
+      w = qz2fh_get_wifi_info("cc:dd");
+      ASSERT_NE(w, nullptr) << c.what;
+      EXPECT_STREQ(w->ap_mac, "ap2") << c.what;
+    }
+    qz2fh_status_files_tick();
+    qz2fh_get_wifi_info("cc:dd");
+    const std::string text = err.text(), line = "WARN:status file " + planted + " not used: " + c.why + "\n";
+    const size_t first = text.find(line);
+    EXPECT_NE(first, std::string::npos) << text;
+    EXPECT_NE(text.find(line, first + 1), std::string::npos) << "again after the tick: " << text;
+    EXPECT_EQ(text.find(line, text.find(line, first + 1) + 1), std::string::npos) << text;
+    unlink(planted.c_str());
+  }
 }
 
 TEST(Identity, RouteOutputParsing) {

@@ -80,11 +80,37 @@ TEST(Unsent, KeepsAcrossFileSystems) {
   ASSERT_TRUE(write_file(part, "half"));
   EXPECT_EQ(kept_names(146), std::vector<std::string>({zname(146, 26)}));
   EXPECT_NE(access(part.c_str(), F_OK), 0);
-  // A file that cannot be kept stays where it was.
-  const std::string big = spool_file(zname(146, 2), std::string(2 << 20, 'b'), 6);
+  umount("/tmp/flash");
+}
+
+// The store's file system keeps a quarter free: the oldest kept files of
+// any group make room first; a file that still does not fit is dropped,
+// counted and logged, never left half kept.
+TEST(Unsent, RoomIsMadeOnTheStoresFileSystemOrTheFileIsDropped) {
+  debug_mode_on();
+  ASSERT_EQ(mkdir("/tmp/flash", 0755), 0);
+  ASSERT_EQ(mount("qzflash", "/tmp/flash", "tmpfs", 0, "size=1m"), 0);
+  load_test_config({{"fh_unsent_dir", "\"/tmp/flash/unsent\""}});
+  ASSERT_EQ(unsent_prepare(145), 0);
+  ASSERT_EQ(unsent_prepare(146), 0);
+  const std::string third(300 << 10, 't');
+  ASSERT_EQ(unsent_keep(146, spool_file(zname(146, 1), third, 1).c_str()), 0);
+  ASSERT_EQ(unsent_keep(145, spool_file(zname(145, 2), third, 2).c_str()), 0);
+  output_capture err(STDERR_FILENO);
+  ASSERT_EQ(unsent_keep(145, spool_file(zname(145, 3), third, 3).c_str()), 0);
+  EXPECT_TRUE(kept_names(146).empty());
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 2), zname(145, 3)}));
+  EXPECT_EQ(unsent_counts(146).deleted, 1u);
+  const std::string big = spool_file(zname(146, 4), std::string(900 << 10, 'b'), 4);
   EXPECT_EQ(unsent_keep(146, big.c_str()), -1);
-  EXPECT_EQ(access(big.c_str(), F_OK), 0);
-  EXPECT_EQ(kept_names(146), std::vector<std::string>({zname(146, 26)}));
+  EXPECT_NE(access(big.c_str(), F_OK), 0);
+  EXPECT_EQ(unsent_counts(146).dropped, 1u);
+  const std::string text = err.text();
+  EXPECT_NE(text.find("WARN:the store's file system would keep less than a quarter free: " +
+                      zname(146, 1) + " deleted\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("ERROR:" + zname(146, 4) + " not kept: the store's file system would keep "
+                      "less than a quarter of its size free\n"), std::string::npos) << text;
+  EXPECT_EQ(list_dir("/tmp/flash/unsent/146"), std::vector<std::string>());
   umount("/tmp/flash");
 }
 
@@ -119,18 +145,58 @@ TEST(Unsent, OldestDeletedBeyondTheBounds) {
   EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 9)}));
 }
 
-// Only the daemon's own names, in a directory of its own, are sent,
-// counted or deleted: whatever else is there is left alone.
+// The store's directory is the daemon's own or absent (then made): any
+// other is refused as it is, whatever leads there.
+TEST(Unsent, StoreDirectoryIsTheDaemonsOwnOrRefusedUntouched) {
+  debug_mode_on();
+  ASSERT_EQ(system("mkdir -p /tmp/wide /tmp/foreign /tmp/145/x && chmod 0755 /tmp/wide && "
+                   "chmod 0700 /tmp/foreign && chown 65534 /tmp/foreign && echo f > /tmp/file && "
+                   "ln -s /tmp /tmp/to_tmp && ln -s /tmp/145 /tmp/to_spool && mkdir -m 0700 /tmp/mine"),
+            0);
+  const struct {
+    const char *dir, *refusal;  // null: usable
+  } cases[] = {
+      {"/tmp/wide", "mode 0755, not 0700"},
+      {"/tmp/foreign", "owned by uid 65534, not by this daemon"},
+      {"/tmp/file", "not a directory"},
+      {"/tmp/to_tmp", "leads to /tmp, inside /tmp"},
+      {"/tmp/to_spool/x/keep", "leads to /tmp/145/x/keep, inside /tmp"},
+      {"/tmp/to_tmp/146", "leads to /tmp/146, inside /tmp"},
+      {"/tmp/mine", nullptr},
+      {"/tmp/new/store", nullptr},
+  };
+  for (const auto &c : cases) {
+    load_test_config({{"fh_unsent_dir", std::string("\"") + c.dir + "\""}});
+    output_capture err(STDERR_FILENO);
+    EXPECT_EQ(unsent_store_open(), c.refusal ? -1 : 0) << c.dir;
+    const std::string text = err.text();
+    if (c.refusal) {
+      EXPECT_NE(text.find(std::string("ERROR:fh_unsent_dir ") + c.dir + ": " + c.refusal +
+                          ", refused\n"), std::string::npos) << text;
+    }
+  }
+  struct stat st;
+  ASSERT_EQ(stat("/tmp/wide", &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  ASSERT_EQ(stat("/tmp/foreign", &st), 0);
+  EXPECT_EQ(st.st_uid, 65534u);
+  EXPECT_EQ(read_file("/tmp/file"), "f\n");
+  ASSERT_EQ(stat("/tmp/new", &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  ASSERT_EQ(stat("/tmp/new/store", &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+}
+
+// Only the daemon's own names, in group directories of its own, are sent,
+// counted or deleted; every name it makes is one of them.
 TEST(Unsent, ForeignFilesAndDirectoriesAreLeftAlone) {
   load_test_config({{"fh_unsent_dir", "\"/tmp/own\""}});
-  const std::string setup = "mkdir -p /tmp/own /tmp/secret && echo s > /tmp/secret/" +
-                            zname(145, 1) + " && ln -s /tmp/secret /tmp/own/145 && chown 65534 /tmp/own";
+  const std::string setup = "mkdir -p -m 0700 /tmp/own && mkdir /tmp/secret && echo s > /tmp/secret/" +
+                            zname(145, 1) + " && ln -s /tmp/secret /tmp/own/145";
   ASSERT_EQ(system(setup.c_str()), 0);
-  // The store of someone else's is moved aside; so is a linked group.
+  // A linked group directory is moved aside.
   EXPECT_EQ(unsent_prepare(145), 0);
   struct stat st;
-  ASSERT_EQ(lstat("/tmp/own", &st), 0);
-  EXPECT_TRUE(S_ISDIR(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0700);
   ASSERT_EQ(lstat("/tmp/own/145", &st), 0);
   EXPECT_TRUE(S_ISDIR(st.st_mode) && (st.st_mode & 07777) == 0700);
   EXPECT_TRUE(kept_names(145).empty());
@@ -144,13 +210,21 @@ TEST(Unsent, ForeignFilesAndDirectoriesAreLeftAlone) {
   ASSERT_TRUE(write_file("/tmp/own/145/notes.zip.part", "n"));
   EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 5)}));
   EXPECT_EQ(access("/tmp/own/145/notes.zip.part", F_OK), 0);
-  EXPECT_TRUE(unsent_own_name(144, "145-350100-1700000000-3-DEVICESTATUS-0.bjson"));
-  for (const char *bad : {"145-350100-1700000000-3-DEVICESTATUS-0.bjson.x", "145--1-3-DEVICESTATUS-0.bjson",
+  // A second file of a kept name (sequence numbers restart with the
+  // daemon) is kept beside it, never over it.
+  ASSERT_EQ(unsent_keep(145, spool_file(zname(145, 5), "again", 9).c_str()), 0);
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 5) + ".1", zname(145, 5)}));
+  EXPECT_EQ(read_file("/tmp/own/145/" + zname(145, 5)), "mine");
+  for (const char *good : {"145-350100-1700000000-3-DEVICESTATUS-0.bjson", "145--1-3-DEVICESTATUS-0.bjson",
+                           "145--1-3-DEVICESTATUS-0.bjson.12"})
+    EXPECT_TRUE(unsent_own_name(144, good)) << good;
+  for (const char *bad : {"145-350100-1700000000-3-DEVICESTATUS-0.bjson.x", "145--1-3-DEVICESTATUS-0.bjson.123",
                           "146-350100-1700000000-3-DEVICESTATUS-0.bjson"})
     EXPECT_FALSE(unsent_own_name(144, bad)) << bad;
+  EXPECT_TRUE(unsent_own_name(145, "145-507183926---1700000000-00001.zip"));
   for (const char *bad : {"145-507183926-350100-350000-1700000000-0001.zip",
                           "145-507183926-350100-1700000000-00001.zip", "145-a/b-350100-350000-1-00001.zip",
-                          "1450-507183926-350100-350000-1-00001.zip"})
+                          "1450-507183926-350100-350000-1-00001.zip", "145-507183926---1-00001.zip."})
     EXPECT_FALSE(unsent_own_name(145, bad)) << bad;
 }
 
