@@ -180,6 +180,7 @@ class DurableLimitsTest(SandboxCase):
         sb.write_config(DURABLE)
         sb.set_wtps(["1 %s up" % AP])
         os.makedirs(os.path.join(UNSENT, "145"))
+        os.chmod(UNSENT, 0o700)  # a store made by hand is the daemon's own only so
         # Only names of the daemon's own zips count in the store.
         old = ["145-507183926-350100-350000-%d-%05d.zip" % (1000000000 + i, i) for i in range(64)]
         for i in range(64):

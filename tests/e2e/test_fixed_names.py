@@ -83,8 +83,7 @@ class LockTest(SandboxCase):
         cases = [("link to a root-only file", link_to_secret),
                  ("dangling link", dangling_link),
                  ("FIFO", lambda: os.mkfifo(LOCK_PATH, 0o666)),
-                 ("hard link to a root-only file", hard_link),
-                 ("file of another account", foreign_file)]
+                 ("hard link to a root-only file", hard_link)]
         secret = root_only("/etc/qz_secret")
         for what, plant in cases:
             with self.subTest(what):
@@ -103,6 +102,17 @@ class LockTest(SandboxCase):
                     for path in (LOCK_PATH, "/tmp/secret", "/etc/nologin"):
                         if os.path.lexists(path):
                             os.unlink(path)
+
+
+    def test_what_another_account_put_at_the_lock_is_moved_aside(self):
+        self.sb.write_config()
+        open(LOCK_PATH, "w").close()
+        os.chown(LOCK_PATH, 65534, 65534)
+        daemon = self.sb.start_daemon(["-D"])
+        daemon.wait_for(re.escape("ERROR:%s is not the daemon's own lock file: moved aside to %s.untrusted."
+                                  % (LOCK_PATH, LOCK_PATH)), "stderr", WAIT)
+        wait_until(lambda: os.path.exists("/tmp/146"), WAIT, "groups set up")
+        self.assertEqual(os.lstat(LOCK_PATH).st_uid, 0)
 
 
 class CountersTest(SandboxCase):
