@@ -15,7 +15,6 @@
 
 #include "config/config.h"
 #include "frame/command.h"
-#include "frame/eloop.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/str_table.h"
@@ -27,7 +26,6 @@ namespace {
 constexpr size_t STATUS_READ_MAX = 1023;
 constexpr size_t COMMAND_READ_MAX = 1023;
 constexpr size_t IFNAME_MAX = 15;
-constexpr int64_t ROUTE_RETRY_USEC = 1000000;
 
 }  // namespace
 
@@ -111,64 +109,66 @@ bool route_addr_parse(std::string_view output, char *addr, size_t size) {
 
 namespace {
 
-// Runs the two route pipelines; true with the address in route_ip.
-bool probe_route(char *route_ip, size_t size) {
-  std::string out;
-  if (command_read("route -n | head -n 3 | tail -n 1 | awk '{print $8}'", &out, COMMAND_READ_MAX) <
-          0 ||
-      out.empty())
-    return false;
-  char ifname[IFNAME_MAX + 1];
-  if (!route_iface_parse(out, ifname, sizeof(ifname))) {
-    log_msg_as("qz2fh_get_route_ip", DEBUG, "route: no usable interface name\n");
-    return false;
-  }
-  char cmd[1024];
-  snprintf(cmd, sizeof(cmd), "ip add |awk '$1==\"inet\" && $NF~/^(%s)/{print $2}'", ifname);
-  if (command_read(cmd, &out, COMMAND_READ_MAX) < 0 || out.empty())
-    return false;
-  if (!route_addr_parse(out, route_ip, size)) {
-    log_msg_as("qz2fh_get_route_ip", DEBUG, "route: no IPv4 address on %s\n", ifname);
-    return false;
-  }
-  return true;
-}
-
-}  // namespace
-
-namespace {
+constexpr char ROUTE_COMMAND[] = "route -n | head -n 3 | tail -n 1 | awk '{print $8}'";
 
 char route_ip[1024];
 const char *route_found;
+command_job probe;
+char probe_ifname[IFNAME_MAX + 1];
+
+// The second pipeline of the probe: the interface's address.
+bool addr_command(std::string_view route_output, char *cmd, size_t size) {
+  if (route_output.empty())
+    return false;
+  if (!route_iface_parse(route_output, probe_ifname, sizeof(probe_ifname))) {
+    log_msg_as("qz2fh_get_route_ip", DEBUG, "route: no usable interface name\n");
+    return false;
+  }
+  snprintf(cmd, size, "ip add |awk '$1==\"inet\" && $NF~/^(%s)/{print $2}'", probe_ifname);
+  return true;
+}
+
+bool addr_found(std::string_view addr_output) {
+  if (addr_output.empty())
+    return false;
+  if (!route_addr_parse(addr_output, route_ip, sizeof(route_ip))) {
+    log_msg_as("qz2fh_get_route_ip", DEBUG, "route: no IPv4 address on %s\n", probe_ifname);
+    return false;
+  }
+  route_found = route_ip;
+  return true;
+}
+
+void probe_addr_done(command_job *job, int status) {
+  if (status >= 0)
+    addr_found(job->output);
+  job->output.clear();
+}
+
+void probe_route_done(command_job *job, int status) {
+  char cmd[1024];
+  if (status < 0 || !addr_command(job->output, cmd, sizeof(cmd)) ||
+      command_start(job, cmd, COMMAND_PROBE, probe_addr_done, COMMAND_READ_MAX) != 0)
+    job->output.clear();
+}
 
 }  // namespace
 
 const char *qz2fh_route_ip_known() { return route_found; }
 
 const char *qz2fh_get_route_ip() {
-  const char *&found = route_found;
-  static bool failed;
-  static int64_t failed_sec, failed_usec;
-  if (found)
-    return found;
-  // While no route exists (interfaces still coming up, a namespace without
-  // routes) every record would run both pipelines: a failure is remembered
-  // for a second.
-  int64_t sec, usec;
-  const bool clock_ok = eloop_now(&sec, &usec) == 0;
-  if (failed && clock_ok) {
-    const int64_t since = (sec - failed_sec) * 1000000 + (usec - failed_usec);
-    if (since >= 0 && since < ROUTE_RETRY_USEC)
-      return nullptr;
-  }
-  if (probe_route(route_ip, sizeof(route_ip))) {
-    found = route_ip;
-    return found;
-  }
-  failed = clock_ok;
-  failed_sec = sec;
-  failed_usec = usec;
-  return nullptr;
+  std::string out;
+  char cmd[1024];
+  if (!route_found && command_read(ROUTE_COMMAND, &out, COMMAND_READ_MAX) >= 0 &&
+      addr_command(out, cmd, sizeof(cmd)) && command_read(cmd, &out, COMMAND_READ_MAX) >= 0)
+    addr_found(out);
+  return route_found;
+}
+
+void qz2fh_route_probe() {
+  if (route_found || command_busy(&probe))
+    return;
+  command_start(&probe, ROUTE_COMMAND, COMMAND_PROBE, probe_route_done, COMMAND_READ_MAX);
 }
 
 bool wifi_info_parse(const char *text, size_t len, wifi_info *info) {

@@ -22,11 +22,14 @@ const char *qz2fh_get_netbar_wacode();
 // case, separators dropped), 20 characters.
 const char *qz2fh_get_equipment_id(const char *mac);
 // Address of the interface of the first route, found once and then kept;
-// null while it cannot be found. Runs the probe's commands until it has
-// found it, at most once a second.
+// null while it cannot be found. At start-up: runs the probe's two
+// commands while the caller waits, unless it was found before.
 const char *qz2fh_get_route_ip();
-// The address qz2fh_get_route_ip has found, or null; never runs a command,
-// so that no command runs while a record is built.
+// Once the loop runs: starts the probe beside it, unless the address was
+// found or a probe is under way.
+void qz2fh_route_probe();
+// The address found so far, or null; never runs a command, so that no
+// command runs while a record is built.
 const char *qz2fh_route_ip_known();
 // Wireless record of a client from the router's status files, or null.
 // Only a regular file of root's or the daemon's own with a single name is

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "config/identity.h"
-#include "frame/command.h"
 #include "frame/log.h"
 #include "frame/text.h"
 
@@ -32,11 +31,4 @@ wtps_result wtps_parse(std::string_view listing, const char *caller, const wtps_
       return WTPS_CUT;
   }
   return WTPS_DONE;
-}
-
-wtps_result wtps_read(const char *caller, const wtps_mac_fn &fn) {
-  std::string listing;
-  if (command_read("wum -c wtps", &listing, WTPS_OUTPUT_MAX) < 0)
-    return WTPS_FAILED;
-  return wtps_parse(listing, caller, fn);
 }

@@ -7,7 +7,6 @@
 #include <string_view>
 
 enum wtps_result {
-  WTPS_FAILED = -1,  // wum could not be started
   WTPS_DONE = 0,     // every line was read
   WTPS_CUT = 1,      // a line without a MAC (or the callback) ended the reading
 };
@@ -18,10 +17,11 @@ using wtps_mac_fn = std::function<bool(const char *mac)>;
 // Largest listing read; the rest is discarded.
 constexpr size_t WTPS_OUTPUT_MAX = 1024 * 1024;
 
-// Runs "wum -c wtps" and passes each line's MAC to fn. Lines are taken
-// without their terminator, so a MAC that ends its line is clean. A MAC
-// text that could break a record or a path is skipped with a log line
-// under caller's name.
-wtps_result wtps_read(const char *caller, const wtps_mac_fn &fn);
-// The same over a listing already read.
+// The command that lists them.
+constexpr char WTPS_COMMAND[] = "wum -c wtps";
+
+// Passes each line's MAC of the listing to fn. Lines are taken without
+// their terminator, so a MAC that ends its line is clean. A MAC text that
+// could break a record or a path is skipped with a log line under caller's
+// name.
 wtps_result wtps_parse(std::string_view listing, const char *caller, const wtps_mac_fn &fn);

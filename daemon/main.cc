@@ -16,8 +16,9 @@
 #include "config/config.h"
 #include "config/identity.h"
 #include "daemon/stats.h"
+#include "frame/command.h"
 #include "frame/eloop.h"
-#include "frame/feed_queue.h"
+#include "frame/feed.h"
 #include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
@@ -37,7 +38,7 @@ time_t started;
 // Every tick: a word in the log while the feeds are behind, and the
 // counters file.
 report_result tick_report_timer(void *) {
-  feed_queue_report();
+  feed_report();
   bcp_tick();
   bjson_tick();
   qz2fh_status_files_tick();
@@ -45,17 +46,13 @@ report_result tick_report_timer(void *) {
   return report_result::done;
 }
 
-// After every handler and before each wait: events read while a command
-// ran are handled, and a group whose bounds were reached is archived
-// between two records, never inside one; in durable mode every record
-// line written is then in its file.
+// After every handler and before each wait: a group whose bounds were
+// reached starts its archive between two records, never inside one; while
+// one must wait behind its archive in flight, the feeds wait in the
+// kernel. In durable mode every record line written is then in its file.
 void after_handler() {
-  for (;;) {
-    feed_queue_drain(bcp_archive_pending);
-    if (!bcp_archive_pending())
-      break;
-    archive_run_due();
-  }
+  archive_run_due();
+  feed_hold(archive_waiting());
   if (unsent_enabled())
     bcp_flush_written();
 }
@@ -150,6 +147,7 @@ int main(int argc, char *argv[]) {
     return -1;
   }
   eloop_set_after_handler(after_handler);
+  feed_set_yield(bcp_archive_pending);
   if (qz2fh_config_init() != 0) {
     log_msg(ERROR, "config init failed\n");
     return -1;
@@ -183,8 +181,10 @@ int main(int argc, char *argv[]) {
 
   eloop_run();
   if (eloop_terminated()) {
-    // What the feeds hold is handled, then the open cycles are kept for
-    // the next start.
+    // Commands in flight end (what they had not finished is kept), what
+    // the kernel holds for the feeds is handled, then the open cycles are
+    // kept for the next start.
+    command_stop_all();
     netbar_feeds_finish();
     archive_keep_all();
     stats_write(started);

@@ -7,7 +7,8 @@
 #include <cstring>
 #include <string>
 
-#include "frame/feed_queue.h"
+#include "frame/command.h"
+#include "frame/feed.h"
 #include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
@@ -22,16 +23,15 @@ json_t *number(uint64_t n) { return json_integer(static_cast<json_int_t>(n)); }
 
 json_t *feeds() {
   json_t *all = json_object();
-  for (int i = 0; i < feed_queue_source_count(); i++) {
-    const feed_counters &c = feed_queue_counters(i);
+  for (int i = 0; i < feed_source_count(); i++) {
+    const feed_counters &c = feed_counters_of(i);
     json_t *f = json_object();
     json_object_set_new(f, "received", number(c.received));
     json_object_set_new(f, "handled", number(c.handled));
     json_object_set_new(f, "refused", number(c.refused));
     json_object_set_new(f, "deferred", number(c.deferred));
     json_object_set_new(f, "overruns", number(c.overruns));
-    json_object_set_new(f, "queue_peak_bytes", number(c.queue_peak_bytes));
-    json_object_set_new(all, feed_queue_source_name(i), f);
+    json_object_set_new(all, feed_source_name(i), f);
   }
   return all;
 }
@@ -68,6 +68,8 @@ json_t *uploads(uint32_t id, const upload_counters &c) {
   json_object_set_new(g, "write_errors", number(c.write_errors));
   json_object_set_new(g, "early_archives", number(c.early_archives));
   json_object_set_new(g, "dirs_replaced", number(c.dirs_replaced));
+  json_object_set_new(g, "archives_in_flight_peak", number(c.in_flight_peak));
+  json_object_set_new(g, "held_records", number(c.held_records));
   return g;
 }
 
@@ -79,6 +81,16 @@ json_t *groups() {
   }
   json_object_set_new(all, std::to_string(QZ2FH_STATUS_DIR_ID).c_str(),
                       uploads(QZ2FH_STATUS_DIR_ID, bjson_upload_counters()));
+  return all;
+}
+
+json_t *commands() {
+  json_t *all = json_object();
+  for (int kind = 0; kind < COMMAND_KINDS; kind++) {
+    json_t *k = json_object();
+    json_object_set_new(k, "killed", number(command_killed(kind)));
+    json_object_set_new(all, command_kind_name(kind), k);
+  }
   return all;
 }
 
@@ -101,6 +113,7 @@ int stats_write(time_t started) {
   json_object_set_new(root, "datasets", datasets());
   json_object_set_new(root, "groups", groups());
   json_object_set_new(root, "terminals", terminals());
+  json_object_set_new(root, "commands", commands());
   char *text = json_dumps(root, JSON_PRESERVE_ORDER);
   json_decref(root);
   int rc = -1;

@@ -248,6 +248,32 @@ int eloop_add_reader(int sock, eloop_sock_handler handler, void *eloop_data, voi
   return eloop_add_sock(sock, EVENT_TYPE_READ, handler, eloop_data, user_data);
 }
 
+void eloop_remove_sock(int sock, int type) {
+  eloop_sock_table *table = table_of(type);
+  if (!table)
+    return;
+  int kept = 0;
+  for (int i = 0; i < table->count; i++)
+    if (table->entries[i].sock != sock)
+      table->entries[kept++] = table->entries[i];
+  if (kept != table->count)
+    table->changed = 1;
+  table->count = kept;
+}
+
+int eloop_cancel_timeout(eloop_timeout_handler handler, void *eloop_data, void *user_data) {
+  int removed = 0;
+  for (eloop_timeout_entry *t = eloop.timeouts.next, *next; t != &eloop.timeouts; t = next) {
+    next = t->next;
+    if (t->handler == handler && t->eloop_data == eloop_data && t->user_data == user_data) {
+      unlink_timeout(t);
+      free(t);
+      removed++;
+    }
+  }
+  return removed;
+}
+
 int eloop_add_timeout(unsigned int secs, unsigned int usecs, eloop_timeout_handler handler,
                       void *eloop_data, void *user_data) {
   auto *t = static_cast<eloop_timeout_entry *>(calloc(1, sizeof(eloop_timeout_entry)));

@@ -16,10 +16,16 @@ int eloop_init();
 int eloop_add_sock(int sock, int type, eloop_sock_handler handler, void *eloop_data,
                    void *user_data);
 int eloop_add_reader(int sock, eloop_sock_handler handler, void *eloop_data, void *user_data);
+// Removes every entry of the descriptor from the table of that type; the
+// dispatch of that table ends for the pass under way.
+void eloop_remove_sock(int sock, int type);
 // Registers a one-shot timeout; equal expiries run in registration order.
 // -1 when no memory or no clock.
 int eloop_add_timeout(unsigned int secs, unsigned int usecs, eloop_timeout_handler handler,
                       void *eloop_data, void *user_data);
+// Removes the pending timeouts of that handler and data without calling
+// them; returns how many.
+int eloop_cancel_timeout(eloop_timeout_handler handler, void *eloop_data, void *user_data);
 // Runs until no timeout and no socket is left, or select() fails.
 void eloop_run();
 // One pass of the loop (wait, at most one timeout, socket dispatch).

@@ -3,11 +3,26 @@
 #include "frame/eloop.h"
 
 report_timer report_timer_list = {
-    &report_timer_list, &report_timer_list, nullptr, nullptr, 0, {}, 0};
+    &report_timer_list, &report_timer_list, nullptr, nullptr, 0, {}, 0, false};
 
 namespace {
 
 unsigned owners;
+int64_t base_us;  // the loop clock at the scheduler's start
+int64_t tick_at;  // seconds from the start to the tick being run, or the last one
+
+int64_t now_us() {
+  int64_t sec = 0, usec = 0;
+  eloop_now(&sec, &usec);
+  return sec * 1000000 + usec;
+}
+
+void arm(int64_t at) {
+  const int64_t wait = at * 1000000 - (now_us() - base_us);
+  const int64_t us = wait > 0 ? wait : 0;
+  eloop_add_timeout(static_cast<unsigned>(us / 1000000), static_cast<unsigned>(us % 1000000),
+                    report_timer_tick, &report_timer_list, nullptr);
+}
 
 bool runs_before(const report_order &a, const report_order &b) {
   return a.owner < b.owner || (a.owner == b.owner && a.phase < b.phase);
@@ -19,17 +34,13 @@ unsigned report_owner_new() { return owners++; }
 
 void report_timer_init(report_timer *timer, report_result (*handler)(void *), uint32_t period,
                        report_order order, void *arg) {
-  timer->next = timer;
-  timer->prev = timer;
-  timer->handler = handler;
-  timer->arg = arg;
-  timer->period = period;
-  timer->order = order;
-  timer->countdown = period;
+  *timer = report_timer{timer, timer, handler, arg, period, order, period, false};
 }
 
 void report_timer_start() {
-  eloop_add_timeout(REPORT_TICK_SECONDS, 0, report_timer_tick, &report_timer_list, nullptr);
+  base_us = now_us();
+  tick_at = 0;
+  arm(REPORT_TICK_SECONDS);
 }
 
 void report_timer_add(report_timer *timer) {
@@ -45,15 +56,24 @@ void report_timer_add(report_timer *timer) {
 
 void report_timer_tick(void *eloop_data, void *) {
   auto *head = static_cast<report_timer *>(eloop_data);
+  // Ticks missed while the loop was held are not made up for: this one
+  // stands for the last that was due.
+  const int64_t elapsed = (now_us() - base_us) / 1000000;
+  tick_at += REPORT_TICK_SECONDS;
+  while (tick_at + REPORT_TICK_SECONDS <= elapsed)
+    tick_at += REPORT_TICK_SECONDS;
   for (report_timer *t = head->next; t != head; t = t->next) {
-    if (!t->handler)
+    if (!t->handler || t->running || t->due > tick_at)
       continue;
-    if (t->countdown > REPORT_TICK_SECONDS) {
-      t->countdown -= REPORT_TICK_SECONDS;
-      continue;
-    }
+    t->running = true;
     const report_result result = t->handler(t->arg);
-    t->countdown = result == report_result::done ? t->period : REPORT_TICK_SECONDS;
+    if (result != report_result::running)
+      report_timer_end(t, result);
   }
-  eloop_add_timeout(REPORT_TICK_SECONDS, 0, report_timer_tick, head, nullptr);
+  arm(tick_at + REPORT_TICK_SECONDS);
+}
+
+void report_timer_end(report_timer *timer, report_result result) {
+  timer->running = false;
+  timer->due = result == report_result::done ? timer->due + timer->period : tick_at + REPORT_TICK_SECONDS;
 }

@@ -18,13 +18,10 @@ namespace {
 
 class canned_runner : public command_runner {
  public:
-  int run_system(const char *cmd) override {
-    if (std::string(cmd).rfind("rm ", 0) == 0 || std::string(cmd).rfind("mkdir ", 0) == 0)
-      return system(cmd);
-    return 0;
-  }
-  int run_read(const char *cmd, std::string *out, size_t) override {
+  int run(const char *cmd, std::string *out, size_t) override {
     const std::string c = cmd;
+    if (!out)
+      return c.rfind("rm ", 0) == 0 || c.rfind("mkdir ", 0) == 0 ? system(cmd) : 0;
     if (c.rfind("route", 0) == 0)
       *out = "qzr0\n";
     else if (c.rfind("ip add", 0) == 0)

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "frame/feed_queue.h"
+#include "frame/feed.h"
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "netbar/netbar_basic.h"
@@ -33,6 +33,6 @@ int netbar_group_init() {
 
 void netbar_feeds_finish() {
   unlink(QZ_SHELL_SOCK_PATH);
-  feed_queue_take_all();
-  feed_queue_close_sources();
+  feed_take_all();
+  feed_close_sources();
 }

@@ -15,7 +15,7 @@
 #include "config/config.h"
 #include "config/identity.h"
 #include "frame/eloop.h"
-#include "frame/feed_queue.h"
+#include "frame/feed.h"
 #include "frame/log.h"
 #include "netbar/netbar_terminal.h"
 #include "output/bcp_values.h"
@@ -188,7 +188,7 @@ int open_netlink_socket() {
   }
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &NETLINK_RCVBUF, sizeof(NETLINK_RCVBUF)) != 0)
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &NETLINK_RCVBUF, sizeof(NETLINK_RCVBUF));
-  if (feed_queue_add_source(feed_source_desc{"http", fd, NETLINK_MSG_MAX, true, netlink_receive,
+  if (feed_add_source(feed_source_desc{"http", fd, NETLINK_MSG_MAX, true, netlink_receive,
                                              netbar_netlink_process, netlink_recv_failed}) < 0) {
     log_msg_as(func, ERROR, "register read catcher fd fail\n");
     close(fd);

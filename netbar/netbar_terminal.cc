@@ -17,7 +17,7 @@
 #include "config/config.h"
 #include "config/identity.h"
 #include "frame/eloop.h"
-#include "frame/feed_queue.h"
+#include "frame/feed.h"
 #include "frame/fixed_file.h"
 #include "frame/log.h"
 #include "frame/paths.h"
@@ -99,7 +99,7 @@ void make_room(const char *key) {
 // until found (records only read it).
 report_result terminal_report_timer(void *) {
   netbar_terminal_report();
-  qz2fh_get_route_ip();
+  qz2fh_route_probe();
   return report_result::done;
 }
 
@@ -404,7 +404,7 @@ int netbar_terminal_init(bcp_dataset *ds) {
     log_msg_as(func, ERROR, "init shell fd failed!\n");
     return -1;
   }
-  if (feed_queue_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX, false,
+  if (feed_add_source(feed_source_desc{"online_offline", fd, NETBAR_SHELL_MSG_MAX, false,
                                              shell_receive, netbar_shell_process,
                                              shell_recv_failed}) < 0) {
     close(fd);

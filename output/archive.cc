@@ -12,6 +12,7 @@
 #include "frame/log.h"
 #include "frame/unique_fd.h"
 #include "output/dir_listing.h"
+#include "output/names.h"
 #include "output/spool.h"
 #include "output/trusted_dir.h"
 #include "output/unsent.h"
@@ -29,13 +30,11 @@ static_assert(sizeof(BCP_INDEX_FOOTER) - 1 == 50, "index footer is 50 bytes");
 
 namespace {
 
-constexpr char INDEX_NAME[] = "GAB_ZIP_INDEX.xml";
-
 // The index, written whole or not at all: false (the file removed and the
 // error in errno) when any write failed.
 bool write_index(bcp_group *g) {
   char index_path[SPOOL_PATH_SIZE];
-  snprintf(index_path, sizeof(index_path), "%s/%s", g->spool.path, INDEX_NAME);
+  name_path(index_path, sizeof(index_path), g->spool.path, NAME_INDEX);
   // One left by a cycle whose zip failed would be appended to.
   unlink(index_path);
   unique_fd fd(open(index_path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -67,7 +66,7 @@ bool write_index(bcp_group *g) {
 // The zip's path, /tmp/<id>/<name>.
 struct zip_path {
   explicit zip_path(const bcp_group *g) {
-    snprintf(text, sizeof(text), "%s/%s", g->spool.path, g->state.zip_name);
+    name_path(text, sizeof(text), g->spool.path, g->state.zip_name);
   }
   char text[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
 };
@@ -90,9 +89,9 @@ bool prepare_spool(bcp_group *g) {
   for (int i = 0; i < g->bcp_file_count; i++) {
     const bcp_file_entry &e = g->bcp_file_list[i];
     char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
-    snprintf(path, sizeof(path), "%s/%s", g->spool.path, e.file_name);
     struct stat st;
-    if (lstat(path, &st) == 0 && trusted_dir_own_file(st)) {
+    if (name_path(path, sizeof(path), g->spool.path, e.file_name) && lstat(path, &st) == 0 &&
+        trusted_dir_own_file(st)) {
       if (kept != i)
         g->bcp_file_list[kept] = e;
       kept++;
@@ -104,11 +103,11 @@ bool prepare_spool(bcp_group *g) {
   const dir_listing names(g->spool.path);
   for (int i = 0; i < names.size(); i++) {
     const char *name = names.name(i);
-    if (listed(g, name))
-      continue;
     char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
-    snprintf(path, sizeof(path), "%s/%s", g->spool.path, name);
-    if (strcmp(name, INDEX_NAME) != 0)
+    if (listed(g, name) || strcmp(name, NAME_NEXT_DIR) == 0 ||
+        !name_path(path, sizeof(path), g->spool.path, name))
+      continue;
+    if (strcmp(name, NAME_INDEX) != 0)
       log_msg_as(g->cycle_name, WARN, "%s in %s is not a file of this cycle: deleted\n", name,
                  g->spool.path);
     if (unlink(path) != 0 && errno == EISDIR)
@@ -117,23 +116,27 @@ bool prepare_spool(bcp_group *g) {
   return true;
 }
 
-enum class zip_result { formed, kept_back, failed };
+void lose_listed(bcp_group *g, int count, int error) {
+  for (int i = 0; i < count; i++)
+    bcp_file_lost(g, g->bcp_file_list[i], error);
+}
 
-// Indexes the listed files and forms the zip of the group's spool
-// directory under the next name. When the index or the zip fails, durable
-// mode keeps the files listed for the next cycle (kept_back); otherwise
-// their records are counted as lost (failed) and the directory is emptied
+enum class zip_result { ready, kept_back, failed };
+
+// Indexes the listed files and names the zip of the group's spool
+// directory. When nothing can be zipped, or the index fails, durable mode
+// keeps the files listed for the next cycle (kept_back); otherwise their
+// records are counted as lost (failed) and the directory is to be emptied
 // as usual.
-zip_result form_zip(bcp_group *g) {
+zip_result prepare_zip(bcp_group *g) {
   if (!prepare_spool(g)) {
-    for (int i = 0; i < g->bcp_file_count; i++)
-      bcp_file_lost(g, g->bcp_file_list[i], EACCES);
+    lose_listed(g, g->bcp_file_count, EACCES);
+    g->bcp_file_count = 0;
     return zip_result::failed;
   }
   if (g->bcp_file_count == 0)
     return zip_result::failed;
   bcp_spool_bound_update(g);
-  bcp_group_state &st = g->state;
   if (!write_index(g)) {
     const int error = errno;
     g->uploads.write_errors++;
@@ -141,39 +144,113 @@ zip_result form_zip(bcp_group *g) {
                strerror(error));
     if (unsent_enabled())
       return zip_result::kept_back;
-    for (int i = 0; i < g->bcp_file_count; i++)
-      bcp_file_lost(g, g->bcp_file_list[i], error);
+    lose_listed(g, g->bcp_file_count, error);
+    g->bcp_file_count = 0;
     return zip_result::failed;
   }
-  const int sequence = st.zip_sequence++;
-  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
-  snprintf(st.zip_name, sizeof(st.zip_name), "%d-%s-%s-%s-%llu-%05d.zip", static_cast<int>(g->id),
-           qz2fh_get_org_code(), qz2fh_get_source_str(), qz2fh_get_dst_str(), now, sequence);
-  const int status = upload_status(qz2fh_form_zip_file(g->spool, st.zip_name));
+  name_zip(g->state.zip_name, sizeof(g->state.zip_name), g->id, time(nullptr),
+           g->state.zip_sequence++);
+  return zip_result::ready;
+}
+
+// The zip is there, the daemon's own, after a zip command of that status:
+// counted. Otherwise what it left is removed, with a WARN line.
+bool zip_formed(bcp_group *g, int status) {
   const zip_path zip(g);
   struct stat zst;
   if (status == 0 && lstat(zip.text, &zst) == 0 && trusted_dir_own_file(zst)) {
     g->uploads.zips++;
-    snprintf(g->uploads.last_zip, sizeof(g->uploads.last_zip), "%s", st.zip_name);
-    return zip_result::formed;
+    snprintf(g->uploads.last_zip, sizeof(g->uploads.last_zip), "%s", g->state.zip_name);
+    return true;
   }
   unlink(zip.text);
   char index_path[SPOOL_PATH_SIZE];
-  snprintf(index_path, sizeof(index_path), "%s/%s", g->spool.path, INDEX_NAME);
+  name_path(index_path, sizeof(index_path), g->spool.path, NAME_INDEX);
   unlink(index_path);
-  if (unsent_enabled()) {
+  if (unsent_enabled())
     log_msg_as(g->cycle_name, WARN,
                "zip of %s failed (status %d): its files are kept for the next cycle\n",
-               st.zip_name, status);
-    return zip_result::kept_back;
-  }
-  log_msg_as(g->cycle_name, WARN, "zip of %s failed (status %d)\n", st.zip_name, status);
-  for (int i = 0; i < g->bcp_file_count; i++)
-    bcp_file_lost(g, g->bcp_file_list[i], EIO);
-  return zip_result::failed;
+               g->state.zip_name, status);
+  else
+    log_msg_as(g->cycle_name, WARN, "zip of %s failed (status %d)\n", g->state.zip_name, status);
+  return false;
 }
 
-// The cycle's files are gone from the spool directory: emptied.
+void archive_begin(bcp_group *g, bool by_timer);
+
+// The spool is emptied: the next cycle's files move in.
+void archive_emptied(upload_tail *t) { bcp_release(static_cast<bcp_group *>(t->owner)); }
+
+void archive_ended(upload_tail *t) {
+  auto *g = static_cast<bcp_group *>(t->owner);
+  if (g->held)
+    bcp_release(g);  // a cycle that ended before its rm ran
+  g->in_flight = false;
+  // What an early archive could not take out stays until the cycle's own.
+  g->archive_stuck = !g->by_timer && bcp_bounds_reached(g);
+  if (g->by_timer)
+    report_timer_end(&g->timer, report_result::done);
+  if (g->timer_waits) {
+    g->timer_waits = false;
+    archive_begin(g, true);
+  }
+}
+
+void zipped(command_job *job, int wait_status) {
+  auto *g = static_cast<bcp_group *>(job->owner);
+  if (zip_formed(g, upload_status(wait_status))) {
+    bcp_drop_flight_files(g);
+    upload_send(&g->tail, zip_path(g).text, g->cycle_name, "form zip file", g->state.zip_name);
+  } else if (unsent_enabled()) {
+    // The zip's files stay this cycle's, before the next cycle's.
+    g->flight_files = 0;
+    g->spool_bytes += g->flight_bytes;
+    bcp_release(g);
+    bcp_reopen_last_files(g);
+    upload_end(&g->tail);
+  } else {
+    lose_listed(g, g->flight_files, EIO);
+    bcp_drop_flight_files(g);
+    upload_empty(&g->tail);
+  }
+}
+
+// The archive: files closed and indexed here, then zip, upload, rm and the
+// kept files' round beside the loop, while new records go into the next
+// cycle's files.
+void archive_begin(bcp_group *g, bool by_timer) {
+  g->in_flight = true;
+  g->by_timer = by_timer;
+  g->uploads.in_flight_peak = g->uploads.in_flight_peak ? g->uploads.in_flight_peak : 1;
+  g->tail.emptied = archive_emptied;
+  g->tail.ended = archive_ended;
+  bcp_close_open_files(g);
+  // A cycle with nothing of its own has no failed upload.
+  if (g->bcp_file_count == 0) {
+    upload_resend(&g->tail);
+    return;
+  }
+  switch (prepare_zip(g)) {
+    case zip_result::kept_back:
+      bcp_reopen_last_files(g);
+      upload_end(&g->tail);
+      return;
+    case zip_result::failed:
+      upload_empty(&g->tail);
+      return;
+    case zip_result::ready:
+      break;
+  }
+  bcp_hold(g);
+  g->tail.job.owner = g;
+  char cmd[COMMAND_SIZE];
+  if (!spool_zip_command(g->spool, g->state.zip_name, cmd) ||
+      command_start(&g->tail.job, cmd, COMMAND_ZIP, zipped) != 0)
+    zipped(&g->tail.job, -1);
+}
+
+// The cycle's files are gone from the spool directory: emptied, while the
+// caller waits (start-up and stop).
 void spool_emptied(bcp_group *g) {
   qz2fh_delete_dir_file(g->spool);
   g->bcp_file_count = 0;
@@ -182,40 +259,21 @@ void spool_emptied(bcp_group *g) {
 
 }  // namespace
 
-report_result group_archive_timer(void *group) {
-  group_archive_cycle(static_cast<bcp_group *>(group));
-  return report_result::done;
-}
+void group_archive_cycle(bcp_group *g) { archive_begin(g, false); }
 
-void group_archive_cycle(bcp_group *g) {
-  bcp_close_open_files(g);
-  bool sent = true;  // a cycle with nothing of its own has no failed upload
-  if (g->bcp_file_count != 0) {
-    switch (form_zip(g)) {
-      case zip_result::formed:
-        sent = upload_and_count(&g->uploads, g->id, g->spool, zip_path(g).text,
-                                {g->cycle_name, "form zip file", g->state.zip_name});
-        spool_emptied(g);
-        break;
-      case zip_result::kept_back:
-        bcp_reopen_last_files(g);
-        sent = false;
-        break;
-      case zip_result::failed:
-        spool_emptied(g);
-        break;
-    }
-  }
-  g->archive_stuck = false;
-  // Kept files follow once the server has taken this cycle's.
-  if (sent)
-    unsent_resend(&g->uploads, g->id, g->spool);
+report_result group_archive_timer(void *group) {
+  auto *g = static_cast<bcp_group *>(group);
+  if (g->in_flight)
+    g->timer_waits = true;  // an early archive: this cycle's follows it
+  else
+    archive_begin(g, true);
+  return report_result::running;
 }
 
 void archive_run_due() {
   for (int i = 0; i < bcp_group_count(); i++) {
     bcp_group *g = bcp_group_at(i);
-    if (!g->archive_due)
+    if (!g->archive_due || g->in_flight)
       continue;
     g->archive_due = false;
     g->uploads.early_archives++;
@@ -225,42 +283,47 @@ void archive_run_due() {
     else
       log_msg(WARN, "group %d finished %d files in one cycle, archiving early\n",
               static_cast<int>(g->id), static_cast<int>(g->bcp_file_count));
-    group_archive_cycle(g);
-    // What the archive could not take out stays until the cycle's own.
-    g->archive_stuck = bcp_bounds_reached(g);
+    archive_begin(g, false);
   }
 }
 
+bool archive_waiting() {
+  for (int i = 0; i < bcp_group_count(); i++)
+    if (bcp_group_at(i)->archive_due && bcp_group_at(i)->in_flight)
+      return true;
+  return false;
+}
+
+bool archive_in_flight() {
+  for (int i = 0; i < bcp_group_count(); i++)
+    if (bcp_group_at(i)->in_flight)
+      return true;
+  return false;
+}
+
 void group_archive_keep(bcp_group *g) {
+  bcp_release(g);
   bcp_close_open_files(g);
-  if (g->bcp_file_count != 0) {
-    // Files whose zip failed stay for the next start's recovery.
-    if (form_zip(g) == zip_result::formed) {
-      log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
-      unsent_keep(g->id, zip_path(g).text);
-      spool_emptied(g);
-    } else if (!unsent_enabled()) {
-      spool_emptied(g);
-    }
+  if (g->bcp_file_count == 0)
+    return;
+  // Files whose zip failed stay for the next start's recovery.
+  const zip_result r = prepare_zip(g);
+  if (r == zip_result::ready && zip_formed(g, upload_status(qz2fh_form_zip_file(g->spool, g->state.zip_name)))) {
+    log_msg_as(g->cycle_name, DEBUG, "form zip file :%s\n", g->state.zip_name);
+    unsent_keep(g->id, zip_path(g).text);
+    spool_emptied(g);
+  } else if (!unsent_enabled() || r == zip_result::failed) {
+    spool_emptied(g);
   }
 }
 
 namespace {
 
-// "<id>-<source>-<time>-<seq>-<dataset>-0.bcp": the group's dataset of
-// that code, or null.
+// The group's dataset whose record file this is, or null.
 const bcp_dataset *dataset_of_file(const bcp_group *g, const char *name) {
-  static const char tail[] = "-0.bcp";
-  const size_t len = strlen(name), tail_len = sizeof(tail) - 1;
-  if (len <= tail_len || strcmp(name + len - tail_len, tail) != 0)
-    return nullptr;
-  const size_t stem = len - tail_len;
-  size_t start = stem;
-  while (start > 0 && name[start - 1] != '-')
-    start--;
+  const std::string_view code = name_bcp_dataset(name);
   for (const bcp_dataset &ds : g->datasets)
-    if (ds.name && ds.index_template && strlen(ds.name) == stem - start &&
-        strncmp(name + start, ds.name, stem - start) == 0)
+    if (ds.name && ds.index_template && !code.empty() && code == ds.name)
       return &ds;
   return nullptr;
 }
@@ -269,7 +332,7 @@ const bcp_dataset *dataset_of_file(const bcp_group *g, const char *name) {
 // nothing to send: an index half written, no whole record, no dataset's.
 void list_leftover(bcp_group *g, const char *name) {
   char path[BCP_NAME_SIZE + SPOOL_PATH_SIZE];
-  snprintf(path, sizeof(path), "%s/%s", g->spool.path, name);
+  name_path(path, sizeof(path), g->spool.path, name);
   const bcp_dataset *ds = dataset_of_file(g, name);
   struct stat st;
   uint64_t bytes = 0;
@@ -302,7 +365,8 @@ void archive_recover_leftovers(bcp_group *g) {
   unsent_prepare(g->id);
   // A directory someone else made holds nothing of ours: moved aside.
   spool_dir_check(g->spool, &g->uploads, false);
-  unsent_keep_leftovers(g->id, g->spool, ".zip");
+  bcp_release(g);  // the next cycle's files of a run stopped mid-archive
+  unsent_keep_leftovers(g->id, g->spool);
   g->bcp_file_count = 0;
   const dir_listing names(g->spool.path);
   for (int i = 0; i < names.size(); i++)

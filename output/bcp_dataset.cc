@@ -12,9 +12,11 @@
 #include "config/config.h"
 #include "frame/log.h"
 #include "frame/unique_fd.h"
+#include "config/wtps.h"
+#include "output/dir_listing.h"
+#include "output/names.h"
 #include "output/trusted_dir.h"
 #include "output/unsent.h"
-#include "output/wtps_scan.h"
 
 namespace {
 
@@ -22,14 +24,40 @@ bcp_group *groups[BCP_MAX_GROUPS];
 int group_count;
 bool unflushed;  // a line was written since the last flush
 
+// The access points listed: one record each. A listing that could not be
+// had is tried again on the next tick.
+void scan_done(command_job *job, int status) {
+  auto *ds = static_cast<bcp_dataset *>(job->owner);
+  const bcp_dataset_decl *decl = ds->decl;
+  report_result result = report_result::done;
+  if (status < 0) {
+    log_msg_as(decl->timer_name, DEBUG, "wum -c wtps fail\n");
+    result = report_result::retry;
+  } else if (wtps_parse(job->output, decl->timer_name, [decl](const char *mac) {
+               decl->write_ap(mac);
+               return true;
+             }) == WTPS_CUT) {
+    log_msg_as(decl->timer_name, DEBUG, "mac is null\n");
+  }
+  job->output.clear();
+  report_timer_end(&ds->timer, result);
+}
+
 // The periodic job of a dataset with a writer: its record, or one record
-// per listed access point.
+// per listed access point once the listing has been read.
 report_result bcp_dataset_timer(void *arg) {
-  const bcp_dataset_decl *decl = static_cast<bcp_dataset *>(arg)->decl;
-  if (decl->write_ap)
-    return wtps_scan(decl->write_ap, decl->timer_name);
-  decl->write();
-  return report_result::done;
+  auto *ds = static_cast<bcp_dataset *>(arg);
+  const bcp_dataset_decl *decl = ds->decl;
+  if (!decl->write_ap) {
+    decl->write();
+    return report_result::done;
+  }
+  ds->scan.owner = ds;
+  if (command_start(&ds->scan, WTPS_COMMAND, COMMAND_PROBE, scan_done, WTPS_OUTPUT_MAX) != 0) {
+    log_msg_as(decl->timer_name, DEBUG, "wum -c wtps fail\n");
+    return report_result::retry;
+  }
+  return report_result::running;
 }
 
 void bcp_dataset_setup(bcp_dataset *ds, const bcp_dataset_decl *decl) {
@@ -60,6 +88,10 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
   group->spool_bound = BCP_SPOOL_MAX_BYTES;
   for (bcp_dataset &ds : group->datasets)
     ds.group = group;
+  group->tail.id = id;
+  group->tail.spool = group->spool;
+  group->tail.counters = &group->uploads;
+  group->tail.owner = group;
   report_timer_init(&group->timer, archive_timer, REPORT_COUNTDOWN_SECONDS,
                     {report_owner_new(), report_phase::archive}, group);
   report_timer_add(&group->timer);
@@ -70,6 +102,7 @@ void bcp_group_init(bcp_group *group, uint32_t id, const char *log_tag, const ch
     // A directory someone else made first is moved aside before anything
     // in it is touched.
     spool_dir_check(group->spool, &group->uploads, false);
+    bcp_release(group, false);
     qz2fh_delete_dir_file(group->spool);
     qz2fh_create_dir(group->spool);
     spool_dir_check(group->spool, &group->uploads, false);
@@ -94,18 +127,30 @@ constexpr int BCP_LIST_ROOM = BCP_FILE_LIST_SIZE - 1;
 constexpr int BCP_LIST_EARLY = BCP_LIST_ROOM - BCP_GROUP_DATASETS;
 
 void qz2fh_get_bcp_filename(const bcp_dataset *ds, char *path, size_t size) {
-  const unsigned sequence = ds->bcp_sequence;
-  const unsigned long long now = static_cast<unsigned long long>(time(nullptr));
-  const char *source = qz2fh_get_source_str();
-  snprintf(path, size, "%s/%d-%s-%llu-%05d-%s-0.bcp", ds->group->spool.path,
-           static_cast<int>(ds->group->id), source, now, static_cast<int>(sequence), ds->name);
+  char name[BCP_NAME_SIZE];
+  if (!name_bcp(name, sizeof(name), ds->group->id, time(nullptr), ds->bcp_sequence, ds->name) ||
+      !bcp_file_path(ds->group, name, path, size))
+    path[0] = '\0';
   log_msg(DEBUG, "create file : %s", path);
+}
+
+// The next cycle's directory, made in the spool (the daemon's own) when
+// first needed.
+bool next_dir_ready(const bcp_group *g) {
+  char dir[SPOOL_PATH_SIZE];
+  if (!name_path(dir, sizeof(dir), g->spool.path, NAME_NEXT_DIR))
+    return false;
+  if (mkdir(dir, 0700) == 0)
+    return true;
+  struct stat st;
+  return errno == EEXIST && lstat(dir, &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == geteuid();
 }
 
 int qz2fh_open_bcp_file(bcp_dataset *ds, const char *path) {
   // Every new file goes into a directory just checked: one made again if
   // it had gone, never one that someone else has swapped in.
-  FILE *fp = spool_dir_check(ds->group->spool, &ds->group->uploads, true)
+  FILE *fp = spool_dir_check(ds->group->spool, &ds->group->uploads, true) && path[0] &&
+                     (!ds->group->held || next_dir_ready(ds->group))
                  ? trusted_dir_open_append(path)
                  : nullptr;
   if (!fp) {
@@ -191,7 +236,7 @@ void recover_file(bcp_dataset *ds, int error, int pending, bool go_on) {
   fclose(ds->fp);
   ds->fp = nullptr;
   char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
-  snprintf(path, sizeof(path), "%s/%s", g->spool.path, ds->file_name);
+  bcp_file_path(g, ds->file_name, path, sizeof(path));
   g->uploads.write_errors++;
   uint64_t kept_bytes = 0;
   const long kept = bcp_cut_to_whole_lines(path, &kept_bytes);
@@ -300,6 +345,8 @@ int bcp_write_line(bcp_dataset *ds, const char *line, size_t len) {
     return 1;
   }
   ds->records++;
+  if (g->held)
+    g->uploads.held_records++;
   ds->file_bytes += len;
   g->spool_bytes += len;
   unflushed = true;
@@ -328,7 +375,7 @@ void bcp_reopen_last_files(bcp_group *g) {
     for (int j = i + 1; j < g->bcp_file_count; j++)
       last = last && g->bcp_file_list[j].name != e.name;
     char path[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
-    snprintf(path, sizeof(path), "%s/%s", g->spool.path, e.file_name);
+    bcp_file_path(g, e.file_name, path, sizeof(path));
     struct stat st;
     if (ds && !ds->fp && last && e.record_count < BCP_MAX_RECORDS && lstat(path, &st) == 0 &&
         reopen_file(ds, path, static_cast<uint64_t>(st.st_size))) {
@@ -380,4 +427,44 @@ void bcp_tick() {
       }
     }
   }
+}
+
+bool bcp_file_path(const bcp_group *g, const char *name, char *path, size_t size) {
+  return name_path(path, size, g->spool.path, name, g->held);
+}
+
+void bcp_hold(bcp_group *g) {
+  g->held = true;
+  g->flight_files = g->bcp_file_count;
+  // The cycle's bytes are the zip's now; the bound counts the next cycle's.
+  g->flight_bytes = g->spool_bytes;
+  g->spool_bytes = 0;
+}
+
+void bcp_drop_flight_files(bcp_group *g) {
+  const int n = g->flight_files < g->bcp_file_count ? g->flight_files : g->bcp_file_count;
+  memmove(g->bcp_file_list, g->bcp_file_list + n, (g->bcp_file_count - n) * sizeof(bcp_file_entry));
+  g->bcp_file_count = static_cast<uint16_t>(g->bcp_file_count - n);
+  g->flight_files = 0;
+}
+
+void bcp_release(bcp_group *g, bool keep) {
+  char dir[SPOOL_PATH_SIZE];
+  g->held = false;
+  if (!name_path(dir, sizeof(dir), g->spool.path, NAME_NEXT_DIR))
+    return;
+  struct stat st;
+  if (lstat(dir, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid())
+    return;
+  const dir_listing names(dir);
+  for (int i = 0; i < names.size(); i++) {
+    char from[SPOOL_PATH_SIZE + BCP_NAME_SIZE], to[SPOOL_PATH_SIZE + BCP_NAME_SIZE];
+    if (!name_path(from, sizeof(from), g->spool.path, names.name(i), true) ||
+        !name_path(to, sizeof(to), g->spool.path, names.name(i)))
+      continue;
+    // Open files move with their names: writing goes on in them.
+    if (!keep || rename(from, to) != 0)
+      unlink(from);
+  }
+  rmdir(dir);
 }

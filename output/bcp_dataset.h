@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "frame/command.h"
 #include "frame/report_timer.h"
 #include "output/spool.h"
+#include "output/upload.h"
 
 constexpr uint32_t QZ2FH_TERMINAL_TYPE = 146;
 constexpr uint32_t QZ2FH_NETBAR_TYPE = 145;
@@ -49,6 +51,7 @@ struct bcp_dataset {
   uint64_t file_bytes;    // bytes written to the current file
   const bcp_dataset_decl *decl;  // how it is written; null for a test's own
   report_timer timer;            // its periodic job, when it has a writer
+  command_job scan;              // its access-point listing, while one runs
 };
 
 struct bcp_file_entry {
@@ -80,6 +83,16 @@ struct bcp_group {
   uint64_t spool_bound;  // the most they may take before the group is archived early
   bool archive_due;      // bounds reached: archive once the handler has returned
   bool archive_stuck;    // an early archive left the bounds reached: wait for the cycle
+  // The archive in flight: its zip is made, sent and the spool emptied
+  // beside the loop, while new records go into the next cycle's files
+  // under <spool>/.next (held), moved into the spool once it is emptied.
+  upload_tail tail;
+  bool in_flight;
+  bool held;
+  bool by_timer;      // the archive in flight is the timer's run
+  bool timer_waits;   // the timer fell due meanwhile: its run follows
+  uint16_t flight_files;  // the first entries of the file list are in the zip in flight
+  uint64_t flight_bytes;  // and these bytes of the spool
 };
 
 // A spool directory takes at most this, and at most a quarter of its file
@@ -93,7 +106,8 @@ bcp_group *bcp_group_at(int index);
 
 // Names the group, links its datasets to it, schedules its archive timer
 // (archive_timer with the group as argument) every 300 s, and empties and
-// creates its spool directory. Groups live in zeroed static storage (their
+// creates its spool directory (and the next cycle's files a stopped run
+// left under it). Groups live in zeroed static storage (their
 // lists are large) and get their identity here. With decls, its datasets
 // are then set up from that table, in order, each writer with its periodic
 // job in the group's records phase.
@@ -136,6 +150,19 @@ bool bcp_bounds_reached(const bcp_group *group);
 void bcp_tick();
 // The group's bound on its spool directory, from its file system's size.
 void bcp_spool_bound_update(bcp_group *group);
+
+// The path of a file of the group's current cycle: in the spool, or under
+// .next while the last cycle is in flight. False when it does not fit.
+bool bcp_file_path(const bcp_group *group, const char *name, char *path, size_t size);
+// The archive in flight takes the listed files: new files go under .next
+// until bcp_release; the list's first entries are the zip's.
+void bcp_hold(bcp_group *group);
+// The zip in flight is done with its files (formed, or lost): their
+// entries leave the list.
+void bcp_drop_flight_files(bcp_group *group);
+// The next cycle's files move into the spool directory (a stopped run's
+// too, at start-up; with keep false they are deleted instead).
+void bcp_release(bcp_group *group, bool keep = true);
 
 // Durable mode: writes every record line written so far to its file, so
 // that a crash loses nothing the loop has finished handling. Cheap when

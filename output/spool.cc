@@ -9,11 +9,10 @@
 #include "frame/log.h"
 #include "frame/paths.h"
 #include "frame/text.h"
+#include "output/names.h"
 #include "output/trusted_dir.h"
 
 namespace {
-
-constexpr size_t COMMAND_SIZE = 512;
 
 // A command cut to its buffer could run something else than meant.
 bool command_fits(int n, const char *func) {
@@ -57,62 +56,56 @@ void qz2fh_create_dir(const spool_dir &dir) {
   command_system(cmd);
 }
 
+bool spool_rm_command(const spool_dir &dir, char *cmd) {
+  if (!command_fits(snprintf(cmd, COMMAND_SIZE, "rm %s/* 2>/dev/null", dir.path), "qz2fh_delete_dir_file"))
+    return false;
+  log_msg_as("qz2fh_delete_dir_file", DEBUG, "%s\n", cmd);
+  return true;
+}
+
 int qz2fh_delete_dir_file(const spool_dir &dir) {
   char cmd[COMMAND_SIZE];
-  snprintf(cmd, sizeof(cmd), "rm %s/* 2>/dev/null", dir.path);
-  log_msg(DEBUG, "%s\n", cmd);
-  return command_system(cmd);
+  return spool_rm_command(dir, cmd) ? command_system(cmd) : -1;
+}
+
+bool spool_zip_command(const spool_dir &spool, const char *zip_name, char *cmd) {
+  static const char func[] = "qz2fh_form_zip_file";
+  char zip_path[SPOOL_PATH_SIZE];
+  if (!name_path(zip_path, sizeof(zip_path), spool.path, zip_name))
+    return command_fits(-1, func);
+  // "&&": zip -m run anywhere but in the spool directory would move
+  // whatever lies there into the zip.
+  if (!command_fits(snprintf(cmd, COMMAND_SIZE, "cd %s && zip -m %s ./* 2>/dev/null", spool.path,
+                             text_shell_word(zip_path).c_str()),
+                    func))
+    return false;
+  log_msg_as(func, DEBUG, "%s\n", cmd);
+  return true;
 }
 
 int qz2fh_form_zip_file(const spool_dir &spool, const char *zip_name) {
-  const char *dir = spool.path;
-  char zip_path[SPOOL_PATH_SIZE];
-  snprintf(zip_path, sizeof(zip_path), "%s/%s", dir, zip_name);
   char cmd[COMMAND_SIZE];
-  // "&&": zip -m run anywhere but in the spool directory would move
-  // whatever lies there into the zip.
-  int n = snprintf(cmd, sizeof(cmd), "cd %s && zip -m %s ./* 2>/dev/null", dir,
-                   text_shell_word(zip_path).c_str());
-  if (!command_fits(n, __func__))
-    return -1;
-  log_msg(DEBUG, "%s\n", cmd);
-  return command_system(cmd, COMMAND_ZIP);
+  return spool_zip_command(spool, zip_name, cmd) ? command_system(cmd, COMMAND_ZIP) : -1;
 }
 
-namespace {
-
-// Builds and runs the upload command, logging it under "qz2fh_send_zip_file"
-// with the password masked.
-int send_file(const char *local_path, const char *remote_dir) {
+bool spool_upload_command(const char *local_path, const spool_dir &dir, char *cmd) {
   static const char func[] = "qz2fh_send_zip_file";
   const std::string local = text_shell_word(local_path);
   const std::string user = text_url_credential(qz2fh_get_ftp_username());
   const std::string host = text_shell_word(qz2fh_get_ftp_ip());
   const std::string port = text_shell_word(qz2fh_get_ftp_port());
-  const std::string remote = text_shell_word(remote_dir);
-  char cmd[COMMAND_SIZE];
-  int n = snprintf(cmd, sizeof(cmd), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
-                   user.c_str(), text_url_credential(qz2fh_get_ftp_password()).c_str(), host.c_str(),
-                   port.c_str(), remote.c_str());
-  if (!command_fits(n, func))
-    return -1;
+  const std::string remote = text_shell_word(dir.path);
+  if (!command_fits(snprintf(cmd, COMMAND_SIZE, "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q",
+                             local.c_str(), user.c_str(),
+                             text_url_credential(qz2fh_get_ftp_password()).c_str(), host.c_str(),
+                             port.c_str(), remote.c_str()),
+                    func))
+    return false;
   char shown[COMMAND_SIZE + 32];
   snprintf(shown, sizeof(shown), "wput -t 2 %s ftp://%s:\"%s\"@%s:%s/%s -B -q", local.c_str(),
            user.c_str(), "[KEY DATA REMOVED]", host.c_str(), port.c_str(), remote.c_str());
   log_msg_as(func, DEBUG, "system cmd: %s\n", shown);
-  return upload_status(command_system(cmd, COMMAND_UPLOAD));
-}
-
-}  // namespace
-
-int qz2fh_send_zip_file(const spool_dir &dir, const char *zip_name) {
-  char local_path[COMMAND_SIZE];
-  snprintf(local_path, sizeof(local_path), "%s/%s", dir.path, zip_name);
-  return send_file(local_path, dir.path);
-}
-
-int qz2fh_send_file(const char *local_path, const spool_dir &dir) {
-  return send_file(local_path, dir.path);
+  return true;
 }
 
 int upload_status(int wait_status) {

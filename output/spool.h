@@ -29,6 +29,8 @@ struct upload_counters {
   uint64_t write_errors;           // writes that failed (records, index, status file)
   uint64_t early_archives;         // cycles archived before their time
   uint64_t dirs_replaced;          // spool directories made again or moved aside
+  uint64_t in_flight_peak;         // most cycles formed and not yet done with at once
+  uint64_t held_records;           // records written while the last cycle was being sent
 };
 
 // Makes the spool directory one of the daemon's own (see trusted_dir_ensure),
@@ -40,16 +42,21 @@ bool spool_dir_check(const spool_dir &dir, upload_counters *counters, bool warn_
 // was killed or was not run at all.
 int upload_status(int wait_status);
 
-// "mkdir <dir> 2>/dev/null".
+// The spool's commands, each built into cmd (COMMAND_SIZE bytes) and
+// logged at DEBUG as it has always been; false (logged at ERROR, nothing
+// to run) when it does not fit.
+constexpr size_t COMMAND_SIZE = 512;
+// "rm <dir>/* 2>/dev/null".
+bool spool_rm_command(const spool_dir &dir, char *cmd);
+// Moves every file of the spool directory into the zip of that name there.
+bool spool_zip_command(const spool_dir &dir, const char *zip_name, char *cmd);
+// Uploads a file with wput to the configured FTP server, into the remote
+// directory named after dir (the password masked in the log).
+bool spool_upload_command(const char *local_path, const spool_dir &dir, char *cmd);
+
+// The same commands run while the caller waits (start-up and stop):
+// "mkdir <dir> 2>/dev/null"; the rm and the zip, returning their wait
+// status.
 void qz2fh_create_dir(const spool_dir &dir);
-// "rm <dir>/* 2>/dev/null"; returns the command's wait status.
 int qz2fh_delete_dir_file(const spool_dir &dir);
-// Moves every file of the spool directory into the zip of that name
-// there. Returns the command's wait status.
 int qz2fh_form_zip_file(const spool_dir &dir, const char *zip_name);
-// Uploads the zip of that name in the spool directory with wput to the
-// configured FTP server; returns the upload's status (upload_status).
-int qz2fh_send_zip_file(const spool_dir &dir, const char *zip_name);
-// Uploads a file the same way to the remote directory named after dir (the
-// status report, and kept files).
-int qz2fh_send_file(const char *local_path, const spool_dir &dir);

@@ -20,6 +20,7 @@
 #include "frame/log.h"
 #include "frame/unique_fd.h"
 #include "output/dir_listing.h"
+#include "output/names.h"
 #include "output/trusted_dir.h"
 
 namespace {
@@ -139,30 +140,6 @@ bool group_dir_ready(const char *dir) {
     return false;
   }
   return trusted_dir_ensure(dir, false) != trusted_dir_result::failed;
-}
-
-// One field of a name: what the configuration allows in a file name part.
-// Empty is allowed: the configuration lets fh_source_str and fh_dst_str
-// be empty, and every name the daemon makes must be keepable.
-const char *name_part(const char *s, char end) {
-  const char *p = s;
-  while ((*p >= 'A' && *p <= 'Z') || (*p >= 'a' && *p <= 'z') || (*p >= '0' && *p <= '9') ||
-         *p == '_' || *p == '.')
-    p++;
-  return p - s <= 64 && *p == end ? p + 1 : nullptr;
-}
-
-const char *digits(const char *s, char end, size_t min, size_t max) {
-  const char *p = s;
-  while (*p >= '0' && *p <= '9')
-    p++;
-  const size_t n = static_cast<size_t>(p - s);
-  return n >= min && n <= max && *p == end ? p + 1 : nullptr;
-}
-
-const char *literal(const char *s, const char *text) {
-  const size_t n = strlen(text);
-  return s && strncmp(s, text, n) == 0 ? s + n : nullptr;
 }
 
 // Copies src to dst through dst.part, keeping the time of writing, which
@@ -324,30 +301,7 @@ bool move_in(const char *path, const char *dst) {
 
 bool unsent_enabled() { return qz2fh_get_unsent_dir() != nullptr; }
 
-bool unsent_own_name(uint32_t id, const char *name) {
-  char head[16];
-  const char *p;
-  if (id == QZ2FH_STATUS_DIR_ID) {
-    // 145-<source>-<time>-<sequence>-DEVICESTATUS-0.bjson
-    p = name_part(literal(name, "145-") ? name + 4 : "", '-');
-    p = p ? digits(p, '-', 1, 20) : nullptr;
-    p = p ? digits(p, '-', 1, 10) : nullptr;
-    p = literal(p, "DEVICESTATUS-0.bjson");
-  } else {
-    // <id>-<org>-<source>-<destination>-<time>-<sequence>.zip
-    snprintf(head, sizeof(head), "%d-", static_cast<int>(id));
-    p = literal(name, head);
-    for (int i = 0; p && i < 3; i++)
-      p = name_part(p, '-');
-    p = p ? digits(p, '-', 1, 20) : nullptr;
-    p = p ? digits(p, '.', 5, 5) : nullptr;
-    p = literal(p, "zip");
-  }
-  // A second file of the same name is kept as "<name>.<n>".
-  if (p && *p == '.')
-    p = digits(p + 1, '\0', 1, 2) ? "" : nullptr;
-  return p && *p == '\0';
-}
+bool unsent_own_name(uint32_t id, const char *name) { return name_is_own(id, name, true); }
 
 int unsent_store_open() {
   char base[UNSENT_PATH_SIZE], why[UNSENT_PATH_SIZE + 64];
@@ -408,14 +362,14 @@ const unsent_counters &unsent_counts(uint32_t id) {
   return c ? *c : none;
 }
 
-void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix) {
+void unsent_keep_leftovers(uint32_t id, const spool_dir &dir) {
   if (!unsent_enabled())
     return;
   const dir_listing names(dir.path);
   for (int i = 0; i < names.size(); i++) {
     char path[UNSENT_PATH_SIZE];
-    if (!ends_with(names.name(i), suffix) || !unsent_own_name(id, names.name(i)) ||
-        !fits(snprintf(path, sizeof(path), "%s/%s", dir.path, names.name(i)), sizeof(path)))
+    if (!name_is_own(id, names.name(i), false) ||
+        !name_path(path, sizeof(path), dir.path, names.name(i)))
       continue;
     if (unsent_keep(id, path) == 0)
       log_msg(DEBUG, "%s left by the last run: kept to be sent\n", names.name(i));
@@ -475,45 +429,3 @@ void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes) {
   }
 }
 
-bool upload_done(upload_counters *counters, uint32_t id, const char *path, int status) {
-  counters->last_upload_status = status;
-  if (status == 0) {
-    counters->uploads_ok++;
-    return true;
-  }
-  counters->uploads_failed++;
-  if (unsent_enabled() && unsent_keep(id, path) == 0) {
-    const char *slash = strrchr(path, '/');
-    log_msg(WARN, "upload of %s failed with status %d: kept to be sent again\n",
-            slash ? slash + 1 : path, status);
-  }
-  return false;
-}
-
-bool upload_and_count(upload_counters *counters, uint32_t id, const spool_dir &dir,
-                      const char *path, const upload_log &log) {
-  const int status = qz2fh_send_file(path, dir);
-  log_msg_as(log.func, DEBUG, "%s :%s\n", log.label, log.shown);
-  return upload_done(counters, id, path, status);
-}
-
-void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir) {
-  if (!unsent_enabled())
-    return;
-  int sent = 0;
-  for (const unsent_file &f : unsent_files(id)) {
-    if (sent == UNSENT_RESEND_MAX)
-      break;
-    const int status = qz2fh_send_file(f.path, dir);
-    counters->last_upload_status = status;
-    if (status != 0) {
-      counters->uploads_failed++;
-      log_msg(DEBUG, "kept file %s not sent again: status %d\n", f.name(), status);
-      break;
-    }
-    counters->uploads_ok++;
-    log_msg(DEBUG, "sent kept file :%s\n", f.name());
-    unsent_delivered(f);
-    sent++;
-  }
-}

@@ -54,9 +54,10 @@ struct unsent_counters {
 };
 const unsent_counters &unsent_counts(uint32_t id);
 
-// Durable mode: keeps every file of a spool directory whose name ends with
-// suffix (files a stopped run could not send); nothing otherwise.
-void unsent_keep_leftovers(uint32_t id, const spool_dir &dir, const char *suffix);
+// Durable mode: keeps every zip (status file for 144) of the daemon's own
+// in a spool directory (files a stopped run could not send); nothing
+// otherwise.
+void unsent_keep_leftovers(uint32_t id, const spool_dir &dir);
 
 struct unsent_file {
   char path[UNSENT_PATH_SIZE];
@@ -74,21 +75,5 @@ void unsent_delivered(const unsent_file &file);
 // Files and bytes the group keeps now.
 void unsent_usage(uint32_t id, size_t *files, uint64_t *bytes);
 
-// Counts an upload of path with its status (upload_status). In durable
-// mode a failed one is logged and its file kept. True when it worked.
-bool upload_done(upload_counters *counters, uint32_t id, const char *path, int status);
-
-// The tail of every upload: sends the file at path to the remote
-// directory named after dir, logs "<label> :<shown>" at DEBUG under func,
-// and counts it as upload_done does. True when it worked.
-struct upload_log {
-  const char *func, *label, *shown;
-};
-bool upload_and_count(upload_counters *counters, uint32_t id, const spool_dir &dir,
-                      const char *path, const upload_log &log);
-
-// Durable mode: sends the group's kept files again, oldest first, at most
-// UNSENT_RESEND_MAX, to the remote directory named after dir; a file sent
-// is deleted, and the first failure ends the round.
+// Kept files sent again after a group's own upload, at most this many.
 constexpr int UNSENT_RESEND_MAX = 4;
-void unsent_resend(upload_counters *counters, uint32_t id, const spool_dir &dir);

@@ -14,7 +14,9 @@
 #include "frame/report_timer.h"
 #include "frame/str_table.h"
 #include "output/spool.h"
+#include "output/names.h"
 #include "output/trusted_dir.h"
+#include "output/upload.h"
 #include "output/unsent.h"
 
 namespace {
@@ -33,6 +35,7 @@ uint16_t bjson_sequence;
 report_timer bjson_timer;
 spool_dir status_dir;
 upload_counters bjson_uploads;
+upload_tail bjson_tail;
 
 bool count_node(const char *name) {
   auto *node = static_cast<bjson_node *>(str_table_get(bjson_node_table, name));
@@ -55,17 +58,13 @@ bool count_node(const char *name) {
 }
 
 // True when the whole listing was read into the node list.
-bool bjson_update_node_list() {
-  switch (wtps_read(__func__, count_node)) {
-    case WTPS_FAILED:
-      log_msg(DEBUG, "wum -c wtps fail\n");
-      return false;
-    case WTPS_CUT:
-      return false;
-    case WTPS_DONE:
-      break;
+bool bjson_update_node_list(int status, std::string_view listing) {
+  static const char func[] = "bjson_update_node_list";
+  if (status < 0) {
+    log_msg_as(func, DEBUG, "wum -c wtps fail\n");
+    return false;
   }
-  return true;
+  return wtps_parse(listing, func, count_node) == WTPS_DONE;
 }
 
 // Writes one line per node and forgets the nodes the listing no longer
@@ -97,36 +96,50 @@ int write_nodes(FILE *fp) {
 
 }  // namespace
 
-report_result bjson_report_timer(void *) {
-  bool sent = true;  // a report with no file has no failed upload
-  if (bjson_update_node_list()) {
-    char path[SPOOL_PATH_SIZE];
-    snprintf(path, sizeof(path), "%s/145-%s-%llu-%d-DEVICESTATUS-0.bjson", status_dir.path,
-             qz2fh_get_source_str(), static_cast<unsigned long long>(time(nullptr)),
-             static_cast<int>(bjson_sequence++));
-    FILE *fp = spool_dir_check(status_dir, &bjson_uploads, true) ? trusted_dir_open_append(path) : nullptr;
-    if (fp) {
-      const int lines = write_nodes(fp);
-      const bool failed = ferror(fp) != 0;
-      const int error = errno;
-      if ((fclose(fp) != 0 || failed) && lines > 0) {
-        // Half a status file would tell the platform that access points
-        // have gone: none is sent.
-        bjson_uploads.write_errors++;
-        log_msg(ERROR, "status file %s not written: %s\n", path, strerror(failed ? error : errno));
-      } else if (lines > 0) {
-        bjson_uploads.zips++;
-        snprintf(bjson_uploads.last_zip, sizeof(bjson_uploads.last_zip), "%s",
-                 path + strlen(status_dir.path) + 1);
-        sent = upload_and_count(&bjson_uploads, QZ2FH_STATUS_DIR_ID, status_dir, path,
-                                {__func__, "send bjson file", path});
-      }
+namespace {
+
+// The listing has been read: the status file is written and sent, and the
+// spool directory emptied, beside the loop.
+void scanned(command_job *job, int status) {
+  static const char func[] = "bjson_report_timer";
+  char name[SPOOL_PATH_SIZE], path[SPOOL_PATH_SIZE];
+  if (!bjson_update_node_list(status, job->output) ||
+      !name_status(name, sizeof(name), time(nullptr), bjson_sequence++) ||
+      !name_path(path, sizeof(path), status_dir.path, name)) {
+    job->output.clear();
+    upload_empty(&bjson_tail);
+    return;
+  }
+  job->output.clear();
+  FILE *fp = spool_dir_check(status_dir, &bjson_uploads, true) ? trusted_dir_open_append(path) : nullptr;
+  if (fp) {
+    const int lines = write_nodes(fp);
+    const bool failed = ferror(fp) != 0;
+    const int error = errno;
+    if ((fclose(fp) != 0 || failed) && lines > 0) {
+      // Half a status file would tell the platform that access points
+      // have gone: none is sent.
+      bjson_uploads.write_errors++;
+      log_msg_as(func, ERROR, "status file %s not written: %s\n", path, strerror(failed ? error : errno));
+    } else if (lines > 0) {
+      bjson_uploads.zips++;
+      snprintf(bjson_uploads.last_zip, sizeof(bjson_uploads.last_zip), "%s", name);
+      upload_send(&bjson_tail, path, func, "send bjson file", path);
+      return;
     }
   }
-  qz2fh_delete_dir_file(status_dir);
-  if (sent)
-    unsent_resend(&bjson_uploads, QZ2FH_STATUS_DIR_ID, status_dir);
-  return report_result::done;
+  upload_empty(&bjson_tail);
+}
+
+void report_ended(upload_tail *) { report_timer_end(&bjson_timer, report_result::done); }
+
+}  // namespace
+
+report_result bjson_report_timer(void *) {
+  bjson_tail.job.owner = &bjson_tail;
+  if (command_start(&bjson_tail.job, WTPS_COMMAND, COMMAND_PROBE, scanned, WTPS_OUTPUT_MAX) != 0)
+    scanned(&bjson_tail.job, -1);
+  return report_result::running;
 }
 
 const upload_counters &bjson_upload_counters() { return bjson_uploads; }
@@ -141,12 +154,17 @@ int bjson_report_init() {
                     {report_owner_new(), report_phase::records});
   report_timer_add(&bjson_timer);
   status_dir = spool_dir_of(QZ2FH_STATUS_DIR_ID);
+  bjson_tail.id = QZ2FH_STATUS_DIR_ID;
+  bjson_tail.spool = status_dir;
+  bjson_tail.counters = &bjson_uploads;
+  bjson_tail.owner = nullptr;
+  bjson_tail.ended = report_ended;
   // A directory someone else made first is moved aside untouched.
   spool_dir_check(status_dir, &bjson_uploads, false);
   // Durable mode: a status file a stopped run could not send is kept too.
   if (unsent_enabled())
     unsent_prepare(QZ2FH_STATUS_DIR_ID);
-  unsent_keep_leftovers(QZ2FH_STATUS_DIR_ID, status_dir, ".bjson");
+  unsent_keep_leftovers(QZ2FH_STATUS_DIR_ID, status_dir);
   qz2fh_delete_dir_file(status_dir);
   qz2fh_create_dir(status_dir);
   spool_dir_check(status_dir, &bjson_uploads, false);

@@ -8,6 +8,7 @@
 #include <regex>
 #include <string>
 
+#include "frame/eloop.h"
 #include "frame/log.h"
 #include "output/archive.h"
 #include "output/bcp_dataset.h"
@@ -33,6 +34,7 @@ class BcpWriter : public ::testing::Test {
     run.pass_through("mkdir");
     run.pass_through("rm");
     load_test_config();
+    eloop_init();
     bcp_dataset_init(&test_group.datasets[1], "WA_TEST_1", "%s%d%s%s%s%d\n");
     bcp_group_init(&test_group, TEST_GROUP, "QZ2FH_TEST_TYPE", "test_report_timer", nullptr);
     ASSERT_EQ(system("mkdir -p /tmp/150"), 0);
@@ -91,6 +93,7 @@ TEST_F(BcpWriter, SequenceWrapsAndFailedOpenKeepsIt) {
 // once there is room again.
 TEST_F(BcpWriter, FullFileSystemKeepsWholeLinesAndCountsTheRest) {
   group_archive_cycle(&test_group);
+  finish_commands();
   bcp_dataset &ds = test_group.datasets[1];
   ASSERT_EQ(mount("qzfull", "/tmp/150", "tmpfs", 0, "size=64k,mode=0700"), 0);
   const uint64_t records = ds.records, refused = ds.refused;
@@ -143,6 +146,7 @@ TEST_F(BcpWriter, FullFileSystemKeepsWholeLinesAndCountsTheRest) {
 // removed is counted as lost at the next tick, and the directory made again.
 TEST_F(BcpWriter, ByteBoundAndRemovedDirectory) {
   group_archive_cycle(&test_group);
+  finish_commands();
   bcp_dataset &ds = test_group.datasets[1];
   ASSERT_EQ(mount("qzbound", "/tmp/150", "tmpfs", 0, "size=64k,mode=0700"), 0);
   bcp_spool_bound_update(&test_group);
@@ -180,6 +184,7 @@ TEST_F(BcpWriter, ByteBoundAndRemovedDirectory) {
 TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
   // From an empty cycle, whatever ran before in this process.
   group_archive_cycle(&test_group);
+  finish_commands();
   test_group.datasets[1].bcp_sequence = 0;
   // Capture every index as the archive step zips it.
   std::vector<std::string> indexes;
@@ -195,13 +200,16 @@ TEST_F(BcpWriter, MoreThan256FilesInOneCycleAreAllIndexed) {
     writing = true;
     write_x();
     writing = false;
-    if (bcp_archive_pending())
+    if (bcp_archive_pending()) {
       archive_run_due();
+      finish_commands();
+    }
   }
   ASSERT_EQ(indexes.size(), 1u);  // one early archive, before the list could wrap
   EXPECT_EQ(test_group.bcp_file_count, files - 249);
   // Everything listed since is archived by the next regular cycle.
   group_archive_cycle(&test_group);
+  finish_commands();
   ASSERT_EQ(indexes.size(), 2u);
   int blocks = 0;
   for (int seq = 0; seq < files; seq++) {

@@ -134,36 +134,4 @@ TEST(Identity, RouteOutputParsing) {
     EXPECT_FALSE(route_addr_parse(bad, addr, sizeof(addr))) << bad;
 }
 
-int64_t fake_usec;
-int fake_clock(int64_t *sec, int64_t *usec) {
-  *sec = fake_usec / 1000000;
-  *usec = fake_usec % 1000000;
-  return 0;
-}
-
-TEST(Identity, RouteIpFailureIsRememberedForASecondSuccessForGood) {
-  fake_runner run;
-  eloop_set_clock(fake_clock);
-  fake_usec = 5000000;
-  run.answer("route -n", "");
-  EXPECT_EQ(qz2fh_get_route_ip(), nullptr);
-  ASSERT_EQ(run.commands.size(), 1u);
-  run.answer("route -n", "qzr0\n");
-  run.answer("ip add", "10.77.0.2/24\n");
-  // Within the second after a failure: "not found" without a command.
-  fake_usec += 999999;
-  EXPECT_EQ(qz2fh_get_route_ip(), nullptr);
-  EXPECT_EQ(run.commands.size(), 1u);
-  fake_usec += 1;
-  const char *ip = qz2fh_get_route_ip();
-  ASSERT_NE(ip, nullptr);
-  EXPECT_STREQ(ip, "10.77.0.2");
-  EXPECT_EQ(run.commands.size(), 3u);
-  run.answer("ip add", "10.9.9.9/24\n");
-  fake_usec += 10000000;
-  EXPECT_STREQ(qz2fh_get_route_ip(), "10.77.0.2");
-  EXPECT_EQ(run.commands.size(), 3u);
-  eloop_set_clock(nullptr);
-}
-
 }  // namespace

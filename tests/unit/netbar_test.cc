@@ -300,6 +300,7 @@ TEST(NetbarRoute, ProbedByTheTickNeverWhileARecordIsBuilt) {
   run.answer("ip add", "10.77.0.2/24\n");
   route_usec += 5000000;
   report_timer_tick(&report_timer_list, nullptr);
+  finish_commands();
   EXPECT_EQ(run.commands.size(), 2u);
   run.commands.clear();
   send_shell(datagram(2, "aa:bb:cc:dd:ee:ff"));

@@ -14,8 +14,7 @@ class fake_runner : public command_runner {
   fake_runner() { command_set_runner(this); }
   ~fake_runner() override { command_set_runner(nullptr); }
 
-  int run_system(const char *cmd) override;
-  int run_read(const char *cmd, std::string *out, size_t max) override;
+  int run(const char *cmd, std::string *out, size_t max) override;
 
   // Canned answers go before commands let through.
   void answer(const std::string &prefix, const std::string &output, int status = 0);
@@ -36,6 +35,10 @@ class fake_runner : public command_runner {
   std::vector<canned> answers_;
   std::vector<std::string> real_;
 };
+
+// Runs the loop until every command started has ended (their callbacks,
+// and what those start, included).
+void finish_commands();
 
 // A complete configuration with ordinary values; entries of overrides
 // ("key", "json value text") replace or, with an empty value, remove keys.

@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "frame/log.h"
+#include "frame/eloop.h"
 #include "output/spool.h"
+#include "output/upload.h"
 #include "tests/unit/test_support.h"
 
 namespace {
@@ -236,7 +238,16 @@ TEST(Unsent, ResentOldestFirstAtMostFourACycle) {
     ASSERT_EQ(unsent_keep(145, spool_file(zname(145, i), "k", 6 - i).c_str()), 0);
   fake_runner run;
   upload_counters counters{};
-  unsent_resend(&counters, 145, spool_dir_of(145));
+  int ended = 0;
+  upload_tail tail{};
+  tail.id = 145;
+  tail.spool = spool_dir_of(145);
+  tail.counters = &counters;
+  tail.owner = &ended;
+  tail.ended = [](upload_tail *t) { ++*static_cast<int *>(t->owner); };
+  eloop_init();
+  upload_resend(&tail);
+  finish_commands();
   ASSERT_EQ(run.commands.size(), 4u);
   for (int i = 0; i < 4; i++) {
     const std::string start = "wput -t 2 /tmp/resend/145/" + zname(145, 5 - i) + " ftp://";
@@ -248,7 +259,9 @@ TEST(Unsent, ResentOldestFirstAtMostFourACycle) {
 
   run.commands.clear();
   run.answer("wput", "", 1 << 8);
-  unsent_resend(&counters, 145, spool_dir_of(145));
+  upload_resend(&tail);
+  finish_commands();
+  EXPECT_EQ(ended, 2);
   EXPECT_EQ(run.commands.size(), 1u);
   EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 1), zname(145, 0)}));
   EXPECT_EQ(counters.uploads_failed, 1u);

@@ -59,12 +59,4 @@ INSTANTIATE_TEST_SUITE_P(
                      WTPS_DONE}),
     [](const auto &test) { return std::string(test.param.name); });
 
-TEST(Wtps, ListingThatCouldNotBeReadFails) {
-  fake_runner run;
-  run.answer("wum", "", -1);
-  std::vector<std::string> macs;
-  EXPECT_EQ(wtps_read("t", collect_into(&macs)), WTPS_FAILED);
-  EXPECT_TRUE(macs.empty());
-}
-
 }  // namespace
