@@ -163,7 +163,7 @@ int spawn(command_job *job, const char *cmd, command_limit limit, bool capture, 
   job->output.clear();
   job->limit = limit;
   job->max = max;
-  job->exited = job->killed = false;
+  job->exited = job->killed = job->by_sigchld = false;
   job->status = -1;
   job->pidfd = job->out_fd = -1;
   note_program(job, cmd);
@@ -213,6 +213,8 @@ void read_output(command_job *job) {
 // ignored the kernel reaps the process first and the wait ends in ECHILD,
 // which says nothing of how it ended: a failure.
 void try_reap(command_job *job, bool block) {
+  if (job->exited)
+    return;
   siginfo_t info;
   info.si_pid = 0;
   int r;
@@ -232,6 +234,12 @@ void try_reap(command_job *job, bool block) {
   }
   job->exited = true;
   job->status = w == job->pid ? status : -1;
+  // A pidfd stays readable once its process has ended.
+  if (job->pidfd >= 0) {
+    eloop_remove_sock(job->pidfd, EVENT_TYPE_READ);
+    close(job->pidfd);
+    job->pidfd = -1;
+  }
 }
 
 // Without pidfds: SIGCHLD writes to a pipe the loop reads.
@@ -259,7 +267,7 @@ void chld_ready(int fd, void *, void *) {
   }
   for (command_job *job = running, *next; job; job = next) {
     next = job->next;
-    if (job->pidfd < 0 && job->pid > 0 && !job->exited) {
+    if (job->by_sigchld && !job->exited) {
       try_reap(job, false);
       maybe_finish(job);
     }
@@ -300,12 +308,13 @@ void arm_deadline(command_job *job, unsigned long ms) {
 
 void deadline_due(void *eloop_data, void *) {
   auto *job = static_cast<command_job *>(eloop_data);
-  if (ms_left(job) == 0) {
+  // An end the loop missed (no pidfd and SIGCHLD ignored by someone).
+  try_reap(job, false);
+  if (!(job->exited && job->out_fd < 0) && ms_left(job) == 0)
     deadline_passed(job);
-    if (job->exited && job->out_fd < 0) {
-      finish(job);
-      return;
-    }
+  if (job->exited && job->out_fd < 0) {
+    finish(job);
+    return;
   }
   const unsigned long ms = ms_left(job);
   arm_deadline(job, ms ? ms : 100);
@@ -318,9 +327,10 @@ void finish(command_job *job) {
     eloop_remove_sock(job->pidfd, EVENT_TYPE_READ);
     close(job->pidfd);
     job->pidfd = -1;
-  } else if (job->pid > 0 && --fallback_jobs == 0) {
-    eloop_remove_sock(chld_pipe[0], EVENT_TYPE_READ);
   }
+  if (job->by_sigchld && --fallback_jobs == 0)
+    eloop_remove_sock(chld_pipe[0], EVENT_TYPE_READ);
+  job->by_sigchld = false;
   for (command_job **p = &running; *p; p = &(*p)->next) {
     if (*p == job) {
       *p = job->next;
@@ -401,7 +411,7 @@ int command_start(command_job *job, const char *cmd, command_limit limit, comman
   job->done = done;
   if (test_runner) {
     job->limit = limit;
-    job->killed = job->exited = false;
+    job->killed = job->exited = job->by_sigchld = false;
     job->output.clear();
     job->status = test_runner->run(cmd, capture ? &job->output : nullptr, capture);
     job->pid = -1;
@@ -413,6 +423,7 @@ int command_start(command_job *job, const char *cmd, command_limit limit, comman
   } else {
     if (spawn(job, cmd, limit, capture != 0, capture) != 0)
       return -1;
+    job->by_sigchld = job->pidfd < 0;
     const bool watched = job->pidfd >= 0
                              ? eloop_add_reader(job->pidfd, pid_ready, job, nullptr) == 0
                              : chld_fallback_ready();

@@ -51,7 +51,7 @@ struct command_job {
   size_t max;
   command_limit limit;
   unsigned long start_ticks;
-  bool exited, killed;
+  bool exited, killed, by_sigchld;
   int status;
   char program[24];  // for the WARN line: never the command, which may hold a password
 };

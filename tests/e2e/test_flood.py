@@ -71,7 +71,6 @@ class FloodTest(SandboxCase):
         with open("/tmp/qz_fh_stats.json") as f:
             feed = json.load(f)["feeds"]["online_offline"]
         self.assertEqual((feed["received"], feed["refused"]), (sent, 0))
-        self.assertLessEqual(feed["queue_peak_bytes"], 512 * 1024)
 
 
 if __name__ == "__main__":

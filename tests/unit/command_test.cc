@@ -12,7 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "frame/eloop.h"
 #include "frame/log.h"
+#include "tests/unit/test_support.h"
 
 namespace {
 
@@ -72,6 +74,69 @@ TEST(Command, NeverEndingCommandsAreKilledWithTheirProcessGroups) {
   EXPECT_NE(err.find("WARN:sleep still running after 120 s: killed with its process group\n"),
             std::string::npos)
       << err;
+  command_set_limit_second_ms(0);
+}
+
+struct ended {
+  int calls = 0, status = 0;
+  std::string output;
+};
+void note_end(command_job *job, int status) {
+  auto *e = static_cast<ended *>(job->owner);
+  e->calls++;
+  e->status = status;
+  e->output = job->output;
+}
+
+// Beside the loop: status and output come through the loop, with a pidfd
+// or, as on older kernels, SIGCHLD; a command past its limit gets SIGTERM
+// with its group, SIGKILL after the grace when it ignores that, and its
+// owner hears once, even when it starts its job again at once.
+TEST(Command, CommandsBesideTheLoopEndAsEventsOfIt) {
+  debug_mode_on();
+  command_set_limit_second_ms(50);  // limits of 0.5 s, a grace of 0.1 s
+  for (bool pidfd : {true, false}) {
+    SCOPED_TRACE(pidfd ? "pidfd" : "SIGCHLD");
+    command_use_pidfd(pidfd);
+    eloop_init();
+    ended a, b, c;
+    command_job ja{}, jb{}, jc{};
+    ja.owner = &a;
+    jb.owner = &b;
+    jc.owner = &c;
+    ::testing::internal::CaptureStderr();
+    ASSERT_EQ(command_start(&ja, "printf 'x y'; exit 3", COMMAND_PROBE, note_end, 100), 0);
+    ASSERT_EQ(command_start(&jb, "trap '' TERM; sleep 1000 & echo $! >/tmp/b; wait", COMMAND_LOCAL, note_end), 0);
+    ASSERT_EQ(command_start(&jc, "sleep 1000", COMMAND_PROBE, [](command_job *job, int status) {
+      note_end(job, status);
+      if (static_cast<ended *>(job->owner)->calls == 1)  // again, from its own end
+        command_start(job, "sleep 0.01; echo again", COMMAND_PROBE, note_end, 100);
+    }), 0);
+    EXPECT_TRUE(command_busy(&jb));
+    finish_commands();
+    EXPECT_EQ(a.calls, 1);
+    EXPECT_EQ(a.status, 3 << 8);
+    EXPECT_EQ(a.output, "x y");
+    EXPECT_EQ((b.calls << 16) | (b.status & 0xffff), (1 << 16) | 0xffff);
+    EXPECT_TRUE(gone(read_pid("/tmp/b")));
+    EXPECT_EQ(c.calls, 2);
+    EXPECT_EQ(c.status, 0);
+    EXPECT_EQ(c.output, "again\n");
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("WARN:trap still running after 10 s: killed with its process group\n"), std::string::npos) << err;
+    EXPECT_NE(err.find("WARN:sleep still running after 10 s: killed with its process group\n"), std::string::npos) << err;
+    // A stop ends what runs, each owner told once.
+    ASSERT_EQ(command_start(&jb, "sleep 1000", COMMAND_UPLOAD, note_end), 0);
+    command_stop_all();
+    EXPECT_EQ(b.calls, 2);
+    EXPECT_EQ(b.status, -1);
+    EXPECT_EQ(command_count(), 0);
+    eloop_destroy();
+  }
+  EXPECT_EQ(command_killed(COMMAND_KIND_LOCAL), 2u);
+  EXPECT_EQ(command_killed(COMMAND_KIND_PROBE), 2u);
+  EXPECT_EQ(command_killed(COMMAND_KIND_UPLOAD), 2u);
+  command_use_pidfd(true);
   command_set_limit_second_ms(0);
 }
 
