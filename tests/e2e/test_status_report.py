@@ -51,9 +51,3 @@ class StatusReportTest(SandboxCase):
             # the checker has checked fc and sc.
             self.assertEqual(sorted((s["dc"], int(s["ds"])) for s in g.status), sorted(lines),
                              tick)
-        # The spool is empty at every scan: each report empties it, the
-        # unsent file of the empty report included.
-        ticks = wum.ticks()
-        self.assertEqual(sorted(ticks)[:len(TICKS) + 1], list(range(len(TICKS) + 1)))
-        for tick, calls in ticks.items():
-            self.assertEqual([c.spool144 for c in calls], [[]] * len(calls), tick)
