@@ -289,15 +289,13 @@ bool chld_fallback_ready() {
   return fallback_jobs++ > 0 || eloop_add_reader(chld_pipe[0], chld_ready, nullptr, nullptr) == 0;
 }
 
-void pid_ready(int, void *eloop_data, void *) {
+// The loop's callback of a job's pidfd and of its output pipe.
+void job_ready(int fd, void *eloop_data, void *) {
   auto *job = static_cast<command_job *>(eloop_data);
-  try_reap(job, false);
-  maybe_finish(job);
-}
-
-void out_ready(int, void *eloop_data, void *) {
-  auto *job = static_cast<command_job *>(eloop_data);
-  read_output(job);
+  if (fd == job->out_fd)
+    read_output(job);
+  else
+    try_reap(job, false);
   maybe_finish(job);
 }
 
@@ -357,9 +355,7 @@ int wait_here(command_job *job) {
     if (job->pidfd >= 0 && !job->exited)
       fds[n++] = pollfd{job->pidfd, POLLIN, 0};
     unsigned long wait = ms_left(job);
-    if (job->pidfd < 0 && !job->exited && wait > CHILD_POLL_MS)
-      wait = CHILD_POLL_MS;
-    if (wait == 0)
+    if (wait == 0 || (job->pidfd < 0 && !job->exited && wait > CHILD_POLL_MS))
       wait = CHILD_POLL_MS;
     if (poll(fds, n, static_cast<int>(wait)) < 0 && errno != EINTR)
       break;
@@ -373,6 +369,7 @@ int wait_here(command_job *job) {
   close_output(job);
   if (job->pidfd >= 0)
     close(job->pidfd);
+  job->pidfd = -1;
   job->pid = 0;
   return job->killed ? -1 : job->status;
 }
@@ -425,9 +422,9 @@ int command_start(command_job *job, const char *cmd, command_limit limit, comman
       return -1;
     job->by_sigchld = job->pidfd < 0;
     const bool watched = job->pidfd >= 0
-                             ? eloop_add_reader(job->pidfd, pid_ready, job, nullptr) == 0
+                             ? eloop_add_reader(job->pidfd, job_ready, job, nullptr) == 0
                              : chld_fallback_ready();
-    if (job->out_fd >= 0 && eloop_add_reader(job->out_fd, out_ready, job, nullptr) != 0)
+    if (job->out_fd >= 0 && eloop_add_reader(job->out_fd, job_ready, job, nullptr) != 0)
       read_output(job);  // not watched: read at its end
     arm_deadline(job, ms_left(job));
     if (!watched)
@@ -460,31 +457,18 @@ int command_read(const char *cmd, std::string *out, size_t max, command_limit li
 }
 
 void command_stop_all() {
-  for (command_job *job = running; job; job = job->next)
-    if (job->pid > 0)
+  // One grace for all, from now: SIGTERM first, SIGKILL when it has passed.
+  const unsigned long now = ticks_now();
+  for (command_job *job = running; job; job = job->next) {
+    if (job->pid > 0) {
       end_group(job, true);
-  const unsigned long start = ticks_now();
-  const unsigned long grace = ms_to_ticks(static_cast<unsigned long>(KILL_GRACE_MS) * limit_second_ms / 1000);
-  for (bool waiting = true; waiting;) {
-    waiting = false;
-    const bool late = ticks_now() - start >= grace;
-    for (command_job *job = running; job; job = job->next) {
-      if (job->pid > 0 && !job->exited) {
-        if (late)
-          kill(-job->pid, SIGKILL);
-        try_reap(job, late);
-      }
-      if (job->out_fd >= 0)
-        read_output(job);
-      waiting = waiting || (job->pid > 0 && !job->exited);
+      job->start_ticks = now - ms_to_ticks(static_cast<unsigned long>(job->limit.seconds) * limit_second_ms);
     }
-    if (waiting)
-      poll(nullptr, 0, CHILD_POLL_MS);
   }
   while (running) {
     command_job *job = running;
-    close_output(job);
-    job->killed = true;
+    if (job->pid > 0)
+      wait_here(job);
     finish(job);
   }
 }

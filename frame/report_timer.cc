@@ -11,21 +11,18 @@ unsigned owners;
 int64_t base_us;  // the loop clock at the scheduler's start
 int64_t tick_at;  // seconds from the start to the tick being run, or the last one
 
-int64_t now_us() {
+// Microseconds since the start; arms the tick at that many seconds.
+int64_t elapsed_us() {
   int64_t sec = 0, usec = 0;
   eloop_now(&sec, &usec);
-  return sec * 1000000 + usec;
+  return sec * 1000000 + usec - base_us;
 }
 
 void arm(int64_t at) {
-  const int64_t wait = at * 1000000 - (now_us() - base_us);
-  const int64_t us = wait > 0 ? wait : 0;
+  int64_t us = at * 1000000 - elapsed_us();
+  us = us > 0 ? us : 0;
   eloop_add_timeout(static_cast<unsigned>(us / 1000000), static_cast<unsigned>(us % 1000000),
                     report_timer_tick, &report_timer_list, nullptr);
-}
-
-bool runs_before(const report_order &a, const report_order &b) {
-  return a.owner < b.owner || (a.owner == b.owner && a.phase < b.phase);
 }
 
 }  // namespace
@@ -38,15 +35,17 @@ void report_timer_init(report_timer *timer, report_result (*handler)(void *), ui
 }
 
 void report_timer_start() {
-  base_us = now_us();
+  base_us = 0;
+  base_us = elapsed_us();
   tick_at = 0;
   arm(REPORT_TICK_SECONDS);
 }
 
 void report_timer_add(report_timer *timer) {
-  report_timer *head = &report_timer_list;
-  report_timer *pos = head;  // insert before pos
-  while (pos->prev != head && runs_before(timer->order, pos->prev->order))
+  report_timer *pos = &report_timer_list;  // insert before pos
+  while (pos->prev != &report_timer_list &&
+         (timer->order.owner < pos->prev->order.owner ||
+          (timer->order.owner == pos->prev->order.owner && timer->order.phase < pos->prev->order.phase)))
     pos = pos->prev;
   timer->next = pos;
   timer->prev = pos->prev;
@@ -58,9 +57,8 @@ void report_timer_tick(void *eloop_data, void *) {
   auto *head = static_cast<report_timer *>(eloop_data);
   // Ticks missed while the loop was held are not made up for: this one
   // stands for the last that was due.
-  const int64_t elapsed = (now_us() - base_us) / 1000000;
   tick_at += REPORT_TICK_SECONDS;
-  while (tick_at + REPORT_TICK_SECONDS <= elapsed)
+  while (tick_at + REPORT_TICK_SECONDS <= elapsed_us() / 1000000)
     tick_at += REPORT_TICK_SECONDS;
   for (report_timer *t = head->next; t != head; t = t->next) {
     if (!t->handler || t->running || t->due > tick_at)
