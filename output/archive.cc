@@ -221,7 +221,8 @@ void zipped(command_job *job, int wait_status) {
 void archive_begin(bcp_group *g, bool by_timer) {
   g->in_flight = true;
   g->by_timer = by_timer;
-  g->uploads.in_flight_peak = g->uploads.in_flight_peak ? g->uploads.in_flight_peak : 1;
+  if (g->uploads.in_flight_peak < 1)
+    g->uploads.in_flight_peak = 1;
   g->tail.emptied = archive_emptied;
   g->tail.ended = archive_ended;
   bcp_close_open_files(g);
@@ -263,9 +264,10 @@ void group_archive_cycle(bcp_group *g) { archive_begin(g, false); }
 
 report_result group_archive_timer(void *group) {
   auto *g = static_cast<bcp_group *>(group);
-  if (g->in_flight)
+  if (g->in_flight) {
     g->timer_waits = true;  // an early archive: this cycle's follows it
-  else
+    g->uploads.in_flight_peak = 2;
+  } else
     archive_begin(g, true);
   return report_result::running;
 }

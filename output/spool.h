@@ -29,7 +29,8 @@ struct upload_counters {
   uint64_t write_errors;           // writes that failed (records, index, status file)
   uint64_t early_archives;         // cycles archived before their time
   uint64_t dirs_replaced;          // spool directories made again or moved aside
-  uint64_t in_flight_peak;         // most cycles formed and not yet done with at once
+  uint64_t in_flight_peak;         // most archives in flight or due at once (2: one fell due
+                                   // while the one before was still in flight)
   uint64_t held_records;           // records written while the last cycle was being sent
 };
 
