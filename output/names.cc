@@ -93,6 +93,11 @@ bool name_is_own(uint32_t id, const char *name, bool with_suffix) {
   return p && *p == '\0';
 }
 
+bool name_kept(char *out, size_t size, const char *name, int k) {
+  return k >= 0 && k < 100 &&
+         fits(k ? snprintf(out, size, "%s.%d", name, k) : snprintf(out, size, "%s", name), out, size);
+}
+
 bool name_path(char *out, size_t size, const char *dir, const char *name, bool next) {
   return fits(next ? snprintf(out, size, "%s/%s/%s", dir, NAME_NEXT_DIR, name)
                    : snprintf(out, size, "%s/%s", dir, name),

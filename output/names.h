@@ -28,6 +28,9 @@ bool name_status(char *out, size_t size, time_t when, unsigned sequence);
 // its status files; in the store also with ".<n>" (1 to 99) after it,
 // when a kept file had the name already (with_suffix).
 bool name_is_own(uint32_t id, const char *name, bool with_suffix);
+// A kept file's name in the store when k earlier ones had its name:
+// "<name>" for k 0, else "<name>.<k>" (k at most 99).
+bool name_kept(char *out, size_t size, const char *name, int k);
 // "<dir>/<name>", or "<dir>/.next/<name>" for next. False (out empty) when
 // it does not fit.
 bool name_path(char *out, size_t size, const char *dir, const char *name, bool next = false);

@@ -274,10 +274,9 @@ bool make_room(const char *dir, uint64_t size, bool same_fs) {
 // after it (never seen by the platform, whose remote name is the spool's).
 bool free_name(const char *dir, const char *name, char *dst, size_t size) {
   for (int k = 0; k < 100; k++) {
-    const int n = k == 0 ? snprintf(dst, size, "%s/%s", dir, name)
-                         : snprintf(dst, size, "%s/%s.%d", dir, name, k);
+    char kept[NAME_SIZE];
     struct stat st;
-    if (!fits(n, size))
+    if (!name_kept(kept, sizeof(kept), name, k) || !name_path(dst, size, dir, kept))
       return false;
     if (lstat(dst, &st) != 0 && errno == ENOENT)
       return true;
@@ -388,8 +387,7 @@ std::vector<unsent_file> unsent_files(uint32_t id) {
     if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0)
       continue;
     unsent_file f;
-    const int n = snprintf(f.path, sizeof(f.path), "%s/%s", dir, e->d_name);
-    if (!fits(n, sizeof(f.path)))
+    if (!name_path(f.path, sizeof(f.path), dir, e->d_name))
       continue;
     f.name_at = strlen(dir) + 1;
     struct stat st;
