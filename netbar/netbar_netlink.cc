@@ -137,7 +137,7 @@ msghdr one_buffer_msg(sockaddr_nl *addr, iovec *iov) {
   return msg;
 }
 
-// A failed receive, from the callback or the feed queue (an overrun,
+// A failed receive (an overrun,
 // ENOBUFS, is reported by one receive only).
 void netlink_recv_failed(int ret, int sock, int err) {
   log_msg_as("netbar_netlink_recv_callback", ERROR,

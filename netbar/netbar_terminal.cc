@@ -283,7 +283,7 @@ int netbar_0001_write(bool online, const netbar_terminal &terminal) {
 
 namespace {
 
-// A failed read of the socket, from the callback or the feed queue.
+// A failed read of the socket.
 void shell_recv_failed(int, int, int) {
   log_msg_as("netbar_recv_callback", ERROR, "read from domain fd failed");
 }
