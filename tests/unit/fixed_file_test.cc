@@ -27,7 +27,7 @@ bool exists(const char *path) {
 }
 
 // What is at the lock's name before the daemon opens it, and whether the
-// lock is then taken.
+// lock is then taken: what another account put there is moved aside first.
 struct lock_case {
   const char *name;
   std::function<void()> plant;
@@ -48,7 +48,13 @@ TEST(FixedFile, LockIsTakenOnlyOnAPlainFileOfOurOwn) {
          ASSERT_TRUE(write_file(LOCK, ""));
          ASSERT_EQ(chown(LOCK, 65534, 65534), 0);
        },
-       false},
+       true},
+      {"a link of another account",
+       [] {
+         ASSERT_EQ(symlink(TARGET, LOCK), 0);
+         ASSERT_EQ(lchown(LOCK, 65534, 65534), 0);
+       },
+       true},
   };
   for (const lock_case &c : cases) {
     SCOPED_TRACE(c.name);
@@ -56,6 +62,8 @@ TEST(FixedFile, LockIsTakenOnlyOnAPlainFileOfOurOwn) {
     ASSERT_EQ(chmod(TARGET, 0600), 0);
     c.plant();
     const auto start = std::chrono::steady_clock::now();
+    const bool foreign = fixed_file_clear_foreign(LOCK, "lock file") == 1;
+    EXPECT_EQ(foreign, system("ls /tmp/lock.untrusted.* >/dev/null 2>&1") == 0);
     const int fd = fixed_file_open_lock(LOCK);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     if (c.taken) {
@@ -71,10 +79,12 @@ TEST(FixedFile, LockIsTakenOnlyOnAPlainFileOfOurOwn) {
     }
     EXPECT_EQ(read_file(TARGET), SECRET);
     EXPECT_FALSE(exists("/tmp/made_by_link"));
-    if (rmdir(LOCK) != 0)
-      unlink(LOCK);
-    unlink(TARGET);
+    ASSERT_EQ(system("rm -rf /tmp/lock /tmp/lock.untrusted.* /tmp/target"), 0);
   }
+  // At the socket's name only the daemon's own socket stays.
+  ASSERT_EQ(mkdir(LOCK, 0700), 0);
+  EXPECT_EQ(fixed_file_clear_foreign(LOCK, "socket", S_IFSOCK), 1);
+  EXPECT_FALSE(exists(LOCK));
 }
 
 std::string temp_name(const char *path) {
