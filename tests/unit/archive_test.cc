@@ -110,6 +110,31 @@ TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
   EXPECT_NE(index.find("-00000-WA_BASIC_FJ_1004-0.bcp"), std::string::npos);
 }
 
+// While the zip is made and sent, new records go into the next cycle's
+// files under .next, which neither the zip nor the rm touches, and move
+// into the spool once it is emptied; a spool at its bound meanwhile waits
+// (its feeds with it) for the archive to end.
+TEST_F(Archive, RecordsOfACycleInFlightGoToTheNextOne) {
+  source_basic_1003_write();
+  group_archive_cycle(&source_group);
+  EXPECT_TRUE(source_group.in_flight);
+  source_group.spool_bound = 1;
+  source_basic_1004_write();
+  const std::vector<std::string> held = list_dir("/tmp/146/.next");
+  ASSERT_EQ(held.size(), 1u);
+  EXPECT_TRUE(archive_waiting());
+  finish_commands();
+  EXPECT_FALSE(source_group.in_flight);
+  EXPECT_EQ(list_dir("/tmp/146"), held);
+  EXPECT_NE(access("/tmp/146/.next", F_OK), 0);
+  EXPECT_EQ(source_group.uploads.held_records, 1u);
+  EXPECT_EQ(index.find("WA_BASIC_FJ_1004"), std::string::npos);
+  archive_run_due();
+  finish_commands();
+  EXPECT_NE(index.find(held[0]), std::string::npos);
+  EXPECT_EQ(source_group.uploads.early_archives, 1u);
+}
+
 // An index that cannot be written whole (a full file system) is not
 // zipped: the cycle's records are counted as lost, as its files go.
 TEST_F(Archive, FailedIndexDeletesTheCycleUnsent) {
