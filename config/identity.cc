@@ -141,15 +141,13 @@ bool addr_found(std::string_view addr_output) {
 
 void probe_addr_done(command_job *job, int status) {
   if (status >= 0)
-    addr_found(job->output);
-  job->output.clear();
+    addr_found(command_output(job));
 }
 
 void probe_route_done(command_job *job, int status) {
   char cmd[1024];
-  if (status < 0 || !addr_command(job->output, cmd, sizeof(cmd)) ||
-      command_start(job, cmd, COMMAND_PROBE, probe_addr_done, COMMAND_READ_MAX) != 0)
-    job->output.clear();
+  if (status >= 0 && addr_command(command_output(job), cmd, sizeof(cmd)))
+    command_start(job, cmd, COMMAND_PROBE, probe_addr_done, COMMAND_READ_MAX);
 }
 
 }  // namespace

@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 #include "frame/eloop.h"
@@ -159,8 +161,14 @@ int open_pidfd(pid_t pid) {
 
 // Starts the process of a job: its pid, its pidfd when the kernel has
 // them, and the read end of its output pipe.
+void drop_output(command_job *job) {
+  free(job->out);
+  job->out = nullptr;
+  job->out_len = 0;
+}
+
 int spawn(command_job *job, const char *cmd, command_limit limit, bool capture, size_t max) {
-  job->output.clear();
+  drop_output(job);
   job->limit = limit;
   job->max = max;
   job->exited = job->killed = job->by_sigchld = false;
@@ -195,8 +203,13 @@ void read_output(command_job *job) {
   for (;;) {
     const ssize_t n = read(job->out_fd, buf, sizeof(buf));
     if (n > 0) {
-      const size_t room = job->output.size() < job->max ? job->max - job->output.size() : 0;
-      job->output.append(buf, static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room);
+      const size_t keep = std::min(static_cast<size_t>(n), job->max - job->out_len);
+      char *grown = keep ? static_cast<char *>(realloc(job->out, job->out_len + keep)) : job->out;
+      if (grown) {
+        memcpy(grown + job->out_len, buf, keep);
+        job->out = grown;
+        job->out_len += keep;
+      }
       continue;
     }
     if (n < 0 && errno == EINTR)
@@ -337,9 +350,11 @@ void finish(command_job *job) {
   }
   const int status = job->killed ? -1 : job->status;
   if (status == -1)
-    job->output.clear();  // a listing cut anywhere, even inside a MAC
+    drop_output(job);  // a listing cut anywhere, even inside a MAC
   job->pid = 0;
   job->done(job, status);
+  if (job->pid == 0)
+    drop_output(job);
 }
 
 // A test runner's answer, given from the loop as a real end would be.
@@ -385,8 +400,9 @@ int run_here(const char *cmd, std::string *out, size_t max, command_limit limit)
   if (spawn(&job, cmd, limit, out != nullptr, max) != 0)
     return -1;
   const int status = wait_here(&job);
-  if (out && status != -1)
-    out->swap(job.output);
+  if (out && status != -1 && job.out)
+    out->assign(job.out, job.out_len);
+  drop_output(&job);
   return status;
 }
 
@@ -409,8 +425,15 @@ int command_start(command_job *job, const char *cmd, command_limit limit, comman
   if (test_runner) {
     job->limit = limit;
     job->killed = job->exited = job->by_sigchld = false;
-    job->output.clear();
-    job->status = test_runner->run(cmd, capture ? &job->output : nullptr, capture);
+    std::string out;
+    job->status = test_runner->run(cmd, capture ? &out : nullptr, capture);
+    drop_output(job);
+    job->max = capture;
+    job->out = out.empty() ? nullptr : static_cast<char *>(malloc(out.size()));
+    if (job->out) {
+      memcpy(job->out, out.data(), out.size());
+      job->out_len = out.size();
+    }
     job->pid = -1;
     job->pidfd = job->out_fd = -1;
     if (eloop_add_timeout(0, 0, fake_done, job, nullptr) != 0) {
@@ -440,6 +463,10 @@ int command_start(command_job *job, const char *cmd, command_limit limit, comman
 }
 
 bool command_busy(const command_job *job) { return job->pid != 0; }
+
+std::string_view command_output(const command_job *job) {
+  return job->out ? std::string_view(job->out, job->out_len) : std::string_view();
+}
 
 int command_count() {
   int n = 0;

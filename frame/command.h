@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 // What kind of command, and how long it may run. One still running after
 // its limit is sent SIGTERM with its whole process group (SIGKILL a few
@@ -42,13 +43,13 @@ using command_done_fn = void (*)(command_job *job, int status);
 // finds itself again through owner; the rest belongs to the runner.
 struct command_job {
   void *owner;
-  std::string output;  // standard output, when asked for (cut to its bound)
 
   command_job *next;  // on the list of running commands
   command_done_fn done;
   pid_t pid;  // 0 while none runs
   int pidfd, out_fd;
-  size_t max;
+  char *out;  // what it printed, when asked for (cut to max)
+  size_t out_len, max;
   command_limit limit;
   unsigned long start_ticks;
   bool exited, killed, by_sigchld;
@@ -63,6 +64,8 @@ struct command_job {
 // then not called.
 int command_start(command_job *job, const char *cmd, command_limit limit, command_done_fn done,
                   size_t capture = 0);
+// What the job's command printed, for its callback (empty when it failed).
+std::string_view command_output(const command_job *job);
 bool command_busy(const command_job *job);
 // Commands of the daemon's running now.
 int command_count();

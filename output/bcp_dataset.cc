@@ -33,13 +33,12 @@ void scan_done(command_job *job, int status) {
   if (status < 0) {
     log_msg_as(decl->timer_name, DEBUG, "wum -c wtps fail\n");
     result = report_result::retry;
-  } else if (wtps_parse(job->output, decl->timer_name, [decl](const char *mac) {
+  } else if (wtps_parse(command_output(job), decl->timer_name, [decl](const char *mac) {
                decl->write_ap(mac);
                return true;
              }) == WTPS_CUT) {
     log_msg_as(decl->timer_name, DEBUG, "mac is null\n");
   }
-  job->output.clear();
   report_timer_end(&ds->timer, result);
 }
 

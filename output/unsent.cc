@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <string>
 #include <utility>
 
 #include "config/config.h"
@@ -50,19 +49,23 @@ bool store_base(char *base, size_t size) {
 // Where path leads: realpath of its longest existing part, the rest
 // appended as written.
 bool resolve(const char *path, char *out, size_t size) {
-  std::string head(path), rest;
-  for (;;) {
+  char head[UNSENT_PATH_SIZE];
+  if (!fits(snprintf(head, sizeof(head), "%s", path), sizeof(head)))
+    return false;
+  for (size_t cut = strlen(head);;) {
+    const char saved = head[cut];
+    head[cut] = '\0';
     char real[PATH_MAX];
-    if (realpath(head.empty() ? "/" : head.c_str(), real)) {
-      std::string r = strcmp(real, "/") == 0 ? std::string() : std::string(real);
-      r += rest;
-      return fits(snprintf(out, size, "%s", r.empty() ? "/" : r.c_str()), size);
-    }
-    const size_t slash = head.rfind('/');
-    if (errno != ENOENT || slash == std::string::npos)
+    const bool found = realpath(cut ? head : "/", real);
+    head[cut] = saved;
+    if (found)
+      return fits(snprintf(out, size, "%s%s", strcmp(real, "/") == 0 && head[cut] ? "" : real,
+                           head + cut),
+                  size);
+    if (errno != ENOENT || cut == 0)
       return false;
-    rest.insert(0, head, slash, std::string::npos);
-    head.resize(slash);
+    while (cut > 0 && head[--cut] != '/') {
+    }
   }
 }
 
@@ -76,22 +79,15 @@ bool inside(const char *path, const char *dir) {
 // else found there is refused, never changed, since the daemon did not
 // make it. Null when usable, else the reason, in why.
 const char *store_refusal(const char *base, char *why, size_t size) {
-  char real[UNSENT_PATH_SIZE];
+  char real[UNSENT_PATH_SIZE], spool[UNSENT_PATH_SIZE];
   if (!resolve(base, real, sizeof(real))) {
     snprintf(why, size, "cannot be resolved: %s", strerror(errno));
     return why;
   }
-  char tmp[PATH_MAX];
-  const char *tmp_real = realpath("/tmp", tmp) ? tmp : "/tmp";
-  bool spool = strcmp(real, "/tmp") == 0 || strcmp(real, tmp_real) == 0;
-  for (const char *top : {"/tmp", tmp_real}) {
-    for (uint32_t id : {QZ2FH_STATUS_DIR_ID, 145u, 146u}) {
-      char dir[PATH_MAX + 16];
-      snprintf(dir, sizeof(dir), "%s/%d", top, static_cast<int>(id));
-      spool = spool || inside(real, dir);
-    }
-  }
-  if (spool) {
+  bool leads_into = resolve("/tmp", spool, sizeof(spool)) && strcmp(real, spool) == 0;
+  for (const char *dir : {"/tmp/144", "/tmp/145", "/tmp/146"})
+    leads_into = leads_into || (resolve(dir, spool, sizeof(spool)) && inside(real, spool));
+  if (leads_into) {
     snprintf(why, size, "leads to %s, inside /tmp", real);
     return why;
   }

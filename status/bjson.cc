@@ -103,14 +103,12 @@ namespace {
 void scanned(command_job *job, int status) {
   static const char func[] = "bjson_report_timer";
   char name[SPOOL_PATH_SIZE], path[SPOOL_PATH_SIZE];
-  if (!bjson_update_node_list(status, job->output) ||
+  if (!bjson_update_node_list(status, command_output(job)) ||
       !name_status(name, sizeof(name), time(nullptr), bjson_sequence++) ||
       !name_path(path, sizeof(path), status_dir.path, name)) {
-    job->output.clear();
     upload_empty(&bjson_tail);
     return;
   }
-  job->output.clear();
   FILE *fp = spool_dir_check(status_dir, &bjson_uploads, true) ? trusted_dir_open_append(path) : nullptr;
   if (fp) {
     const int lines = write_nodes(fp);

@@ -85,7 +85,7 @@ void note_end(command_job *job, int status) {
   auto *e = static_cast<ended *>(job->owner);
   e->calls++;
   e->status = status;
-  e->output = job->output;
+  e->output = std::string(command_output(job));
 }
 
 // Beside the loop: status and output come through the loop, with a pidfd

@@ -90,7 +90,7 @@ TEST(Unsent, KeepsAcrossFileSystems) {
 // counted and logged, never left half kept.
 TEST(Unsent, RoomIsMadeOnTheStoresFileSystemOrTheFileIsDropped) {
   debug_mode_on();
-  ASSERT_EQ(mkdir("/tmp/flash", 0755), 0);
+  mkdir("/tmp/flash", 0755);
   ASSERT_EQ(mount("qzflash", "/tmp/flash", "tmpfs", 0, "size=1m"), 0);
   load_test_config({{"fh_unsent_dir", "\"/tmp/flash/unsent\""}});
   ASSERT_EQ(unsent_prepare(145), 0);
@@ -118,7 +118,7 @@ TEST(Unsent, RoomIsMadeOnTheStoresFileSystemOrTheFileIsDropped) {
 
 TEST(Unsent, OldestDeletedBeyondTheBounds) {
   debug_mode_on();
-  load_test_config({{"fh_unsent_dir", "\"/tmp/keep\""}});
+  load_test_config({{"fh_unsent_dir", "\"/tmp/bounds\""}});
   output_capture err(STDERR_FILENO);
   for (int i = 0; i < static_cast<int>(UNSENT_MAX_FILES) + 2; i++) {
     const std::string p = spool_file(zname(146, 100 + i), "x", i);
