@@ -401,7 +401,7 @@ int run_here(const char *cmd, std::string *out, size_t max, command_limit limit)
     return -1;
   const int status = wait_here(&job);
   if (out && status != -1 && job.out)
-    out->assign(job.out, job.out_len);
+    out->append(job.out, job.out_len);
   drop_output(&job);
   return status;
 }

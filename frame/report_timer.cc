@@ -8,20 +8,27 @@ report_timer report_timer_list = {
 namespace {
 
 unsigned owners;
-int64_t base_us;  // the loop clock at the scheduler's start
+int64_t base_sec, base_usec;  // the loop clock at the scheduler's start
 int64_t tick_at;  // seconds from the start to the tick being run, or the last one
 
-// Microseconds since the start; arms the tick at that many seconds.
-int64_t elapsed_us() {
-  int64_t sec = 0, usec = 0;
-  eloop_now(&sec, &usec);
-  return sec * 1000000 + usec - base_us;
+// Seconds and microseconds from now to at seconds after the start
+// (negative when past). No 64-bit division: routers are 32-bit too.
+int64_t until(int64_t at, int64_t *usec) {
+  int64_t sec = 0, us = 0;
+  eloop_now(&sec, &us);
+  sec = base_sec + at - sec;
+  *usec = base_usec - us;
+  if (*usec < 0) {
+    *usec += 1000000;
+    sec--;
+  }
+  return sec;
 }
 
 void arm(int64_t at) {
-  int64_t us = at * 1000000 - elapsed_us();
-  us = us > 0 ? us : 0;
-  eloop_add_timeout(static_cast<unsigned>(us / 1000000), static_cast<unsigned>(us % 1000000),
+  int64_t usec;
+  const int64_t sec = until(at, &usec);
+  eloop_add_timeout(sec < 0 ? 0 : static_cast<unsigned>(sec), sec < 0 ? 0 : static_cast<unsigned>(usec),
                     report_timer_tick, &report_timer_list, nullptr);
 }
 
@@ -35,8 +42,7 @@ void report_timer_init(report_timer *timer, report_result (*handler)(void *), ui
 }
 
 void report_timer_start() {
-  base_us = 0;
-  base_us = elapsed_us();
+  eloop_now(&base_sec, &base_usec);
   tick_at = 0;
   arm(REPORT_TICK_SECONDS);
 }
@@ -58,7 +64,7 @@ void report_timer_tick(void *eloop_data, void *) {
   // Ticks missed while the loop was held are not made up for: this one
   // stands for the last that was due.
   tick_at += REPORT_TICK_SECONDS;
-  while (tick_at + REPORT_TICK_SECONDS <= elapsed_us() / 1000000)
+  for (int64_t usec, sec; (sec = until(tick_at + REPORT_TICK_SECONDS, &usec)) < 0 || (sec == 0 && usec == 0);)
     tick_at += REPORT_TICK_SECONDS;
   for (report_timer *t = head->next; t != head; t = t->next) {
     if (!t->handler || t->running || t->due > tick_at)

@@ -236,7 +236,7 @@ bool room_for(const char *dir, uint64_t size, bool same_fs) {
   const uint64_t unit = vfs.f_frsize ? vfs.f_frsize : vfs.f_bsize;
   const uint64_t total = static_cast<uint64_t>(vfs.f_blocks) * unit;
   const uint64_t avail = static_cast<uint64_t>(vfs.f_bavail) * unit;
-  const uint64_t need = same_fs ? 0 : (size + unit - 1) / unit * unit;
+  const uint64_t need = same_fs ? 0 : size + unit;  // its last block, at most
   return avail >= need && avail - need >= total / 4;
 }
 
