@@ -70,6 +70,8 @@ ETC = {
     "passwd": "root:x:0:0:root:/root:/bin/ash\nnobody:*:65534:65534:nobody:/var:/bin/false\n",
     "group": "root:x:0:\nnogroup:x:65534:\n",
     "hosts": "127.0.0.1 localhost\n",
+    # As base-files' boot does: reload_config compares with what it saw last.
+    "init.d/boot": "#!/bin/sh /etc/rc.common\nSTART=10\nboot() {\n\t/sbin/reload_config\n}\n",
     "config/rpcd": ("config rpcd\n\toption socket /var/run/ubus/ubus.sock\n\toption timeout 30\n\n"
                     "config login\n\toption username '%s'\n\toption password '%s'\n"
                     "\tlist read 'qz_fh_audit'\n" % (MONITOR[0], MONITOR[2])),
@@ -204,7 +206,9 @@ class Router:
         for p in qz_sandbox._paths_to_keep():
             self._bind(p, p)
         for name, text in ETC.items():
-            self._write("/etc/" + name, text, 0o600 if name.startswith("config/") else 0o644)
+            mode = {"config": 0o600, "init.d": 0o755}.get(os.path.dirname(name), 0o644)
+            self._write("/etc/" + name, text, mode)
+        os.symlink("../init.d/boot", self.path("/etc/rc.d/S10boot"))
         self.http_port = _free_port()
         for name, start, command in BASE_SERVICES:
             self._write("/etc/init.d/" + name, SERVICE_SCRIPT.format(

@@ -198,6 +198,13 @@ class ServiceTest(RouterCase):
         self.assertEqual((r.starts(), r.daemon_pid(), os.stat(r.path(CONF)).st_ino),
                          (3, third, inode))
 
+        # A plain uci commit, then reload_config, as the README says.
+        r.sh("uci set qz_fh_audit.main.fh_org_mail=ops@example.org && uci commit qz_fh_audit && "
+             "reload_config")
+        fourth = r.wait(lambda: (r.daemon_pid() or third) != third and r.daemon_pid(),
+                        "the restart by reload_config")
+        self.assertEqual((r.starts(), self.read_json()["fh_org_mail"]), (4, "ops@example.org"))
+
         # A refused change: the daemon runs on, on the last good file.
         good = self.read_json()
         mark = len(r.logread())
@@ -206,11 +213,11 @@ class ServiceTest(RouterCase):
         r.wait(lambda: r.ubus("qz_fh_audit", "status").get("config_refused") == why, "the refusal")
         self.assertIn("daemon.err qz_fh_audit: kept running on the previous %s: %s" % (CONF, why),
                       "\n".join(self.log_since(mark)))
-        self.assertEqual((r.starts(), r.daemon_pid(), self.read_json()), (3, third, good))
+        self.assertEqual((r.starts(), r.daemon_pid(), self.read_json()), (4, fourth, good))
         # Mended back to the last good values: nothing to restart.
         self.uci_commit(fh_source_str=VALUES["fh_source_str"])
         r.wait(lambda: "config_refused" not in r.ubus("qz_fh_audit", "status"), "the mend")
-        self.assertEqual((r.starts(), r.daemon_pid()), (3, third))
+        self.assertEqual((r.starts(), r.daemon_pid()), (4, fourth))
 
         r.reboot()
         r.wait(r.daemon_pid, "the daemon after a boot")
