@@ -10,4 +10,4 @@ apt-get install -y --no-install-recommends \
     clang-14 libclang-rt-14-dev shellcheck \
     faketime zip unzip wput curl python3 python3-pyftpdlib \
     iproute2 net-tools util-linux procps gawk libxml2-utils \
-    busybox dash
+    busybox libjson-c-dev

@@ -264,6 +264,55 @@ FAULTS = [
     ("N10", "host", "netbar/netbar_terminal.cc",
      "  netbar_0001_write(false, *oldest);\n", "",
      "a terminal ended by the full table gets no offline record"),
+    # The OpenWrt package's files (area "package": only the packaging tests run)
+    ("P1", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     "START=99\nUSE_PROCD=1\n\n# procd service of qz_fh_audit.\n",
+     "\n# procd service of qz_fh_audit.\n#\n#\n#\n#\n#\n#\n#\n#\nSTART=99\nUSE_PROCD=1\n",
+     "START= and USE_PROCD= stand below the lines rpcd reads"),
+    ("P2", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     "\t\teval \"value=\\$$key\"\n",
+     "\t\teval \"value=\\$$key\"\n\t\t[ -n \"$value\" ] || [ \"$key\" = fh_unsent_dir ] || "
+     "refuse \"option $key is missing\" || return 1\n",
+     "an option left out, uci's only empty value, is refused as missing"),
+    ("P3", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     "\t\tif ! daemon_running; then", "\t\tif true; then",
+     "a refused reload declares no instance, and procd stops the daemon"),
+    ("P4", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     "'fh_ftp_port:string'", "'fh_ftp_port:port'",
+     "a validation type stricter than the init script's rules"),
+    ("P5", "package", "packaging/openwrt/files/qz_fh_audit.acl.json",
+     '"qz_fh_audit": [ "status", "config" ]', '"*": [ "*" ]',
+     "the ACL opens every object"),
+    ("P6", "package", "packaging/openwrt/files/qz_fh_audit.rpcd",
+     '\t\t\t[ "$key" = fh_ftp_password ] && value="***"\n', "",
+     "the rpcd plugin shows the password"),
+    ("P7", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     '\t[ -e "$1" ] || return 0\n', "\treturn 0\n",
+     "the store is not checked on disk"),
+    ("P8", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     '\treal=$(readlink -f "${head:-/}") || return 1\n', '\treal=${head:-/}\n',
+     "a link on the store's way to /tmp is not followed"),
+    ("P9", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     "\tprocd_set_param respawn\n", "",
+     "procd does not respawn the daemon"),
+    ("P10", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     '\tprocd_add_reload_trigger "$NAME"\n', "",
+     "a change saved through ubus reloads nothing"),
+    ("P11", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     '\tif [ -f "$CONF" ] && [ ! -L "$CONF" ] && [ "$(cat "$CONF")" = "$text" ]; then',
+     "\tif false; then",
+     "an unchanged rendering is written again"),
+    ("P12", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     '\t[ -z "$refusal" ] || json_add_string config_refused "$refusal"\n', "\t:\n",
+     "a refused change is not reported in the status"),
+    ("P13", "package", "packaging/openwrt/files/wput-curl",
+     "\t\tquoted=$quoted$head\\\\$char\n", "\t\tquoted=$quoted$head$char\n",
+     "wput-curl does not escape quotes and backslashes for curl"),
+    ("P14", "package", "packaging/openwrt/files/qz_fh_audit.init",
+     "\tcase $key in\n\tfh_source_str | fh_dst_str)\n",
+     "\tcase $key in\n\tfh_ftp_port) case $value in *[!0-9]*) echo \"not a port number\" ;; esac ;;\n"
+     "\tfh_source_str | fh_dst_str)\n",
+     "the init script refuses a port the daemon takes"),
 ]
 
 
@@ -289,7 +338,8 @@ def check(fault, build, logdir):
         path.write_text(source.replace(old, new))
         if run(["cmake", "--build", build, f"-j{os.cpu_count()}"], log) != 0:
             return "NOT BUILT"
-        for selection in (["-L", "unit"], ["-LE", "unit"]):
+        selections = [["-L", "packaging"]] if area == "package" else [["-L", "unit"], ["-LE", "unit"]]
+        for selection in selections:
             rc = run(["ctest", "--test-dir", build, f"-j{os.cpu_count()}", "--stop-on-failure",
                       "--output-on-failure", "--timeout", "300", *selection], log)
             if rc != 0:

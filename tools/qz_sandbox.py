@@ -832,6 +832,11 @@ class Sandbox:
             d.stop(grace=1.0)
         _kill_strays()
 
+    def at_close(self, fn, *args):
+        """Calls fn(*args) when the sandbox closes, before what it set up
+        earlier is undone."""
+        self._stack.callback(fn, *args)
+
     def close(self):
         global _active
         try:

@@ -9,9 +9,12 @@ import subprocess
 import tempfile
 import unittest
 
-from openwrt_stubs import FILES, INIT, KEYS, OPTIONAL_KEYS, ROOT, RPCD, SHELLS, SHIPPED_UCI
+from openwrt_case import FILES, KEYS, OPTIONAL_KEYS
+from qz_openwrt import ROOT
 
 PACKAGING = os.path.join(ROOT, "packaging")
+INIT = os.path.join(FILES, "qz_fh_audit.init")
+RPCD = os.path.join(FILES, "qz_fh_audit.rpcd")
 
 
 def read(path):
@@ -39,15 +42,15 @@ class KeysAgreeTest(unittest.TestCase):
             example = list(json.load(f))
 
         uci = []
-        for line in read(SHIPPED_UCI).splitlines():
+        for line in read(os.path.join(FILES, "qz_fh_audit.config")).splitlines():
             words = shlex.split(line, comments=True)
             if words and words[0] == "option":
                 uci.append(words[1])
-        validation = re.findall(r"^\t\t'(\w+):", read(INIT), re.M)
+        validation = re.findall(r"^\t\t['\"](\w+):", read(INIT), re.M)
 
         lists = {
             "qz_fh_audit.json.example": (example, KEYS),
-            "openwrt/files/qz_fh_audit.config": (uci, ["enabled", "use_uci"] + KEYS + OPTIONAL_KEYS),
+            "openwrt/files/qz_fh_audit.config": (uci, ["enabled", "use_uci"] + KEYS),
             "init script, KEYS": (shell_list(INIT, "KEYS"), KEYS),
             "init script, OPTIONAL_KEYS": (shell_list(INIT, "OPTIONAL_KEYS"), OPTIONAL_KEYS),
             "init script, validation": (validation, ["enabled", "use_uci"] + KEYS + OPTIONAL_KEYS),
@@ -82,7 +85,7 @@ class KeepListTest(unittest.TestCase):
             script = r"""cd "$1" || exit 1
 find $(sed -ne '/^[[:space:]]*$/d; /^#/d; s|^/|./|; p' etc/sysupgrade.conf lib/upgrade/keep.d/* 2>/dev/null) \
 	\( -type f -o -type l \) 2>/dev/null | sort"""
-            r = subprocess.run(SHELLS["busybox"] + ["-c", script, "sh", root],
+            r = subprocess.run(["/usr/bin/busybox", "sh", "-c", script, "sh", root],
                                capture_output=True, text=True, timeout=60,
                                env={"PATH": "/usr/bin:/bin"})
             kept = sorted(p[2:] for p in r.stdout.split())
