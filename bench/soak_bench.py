@@ -4,10 +4,10 @@
     /usr/bin/python3 bench/soak_bench.py --build build-bench [--cycles 12] [--accel 20]
     /usr/bin/python3 bench/soak_bench.py --build build-bench --hang [--bin OTHER_DAEMON]
 
-Needs root. --hang: the server stalls the first cycle's upload for 150 s on
-the real clock (past wput's 120-s limit), one cycle, online datagrams at
-200/s and HTTP events at 50/s; the longest time the counters file's "now"
-stood still is measured too.
+Needs root. --hang: the server stalls the second cycle's upload for 150 s
+on the real clock (past wput's 120-s limit), online datagrams at 200/s and
+HTTP events at 50/s through both cycles; the longest time the counters
+file's "now" stood still is measured too.
 """
 import argparse
 import json
@@ -59,7 +59,7 @@ def main():
     plan = dict(cycles=args.cycles, rate=args.rate, http_rate=args.http_rate, slow_cycles=(3, 4, 8),
                 down_cycle=6, slow_seconds=5.0, accel=args.accel)
     if args.hang:
-        plan = dict(cycles=1, rate=200, http_rate=50, slow_cycles=(1,), down_cycle=None,
+        plan = dict(cycles=2, rate=200, http_rate=50, slow_cycles=(2,), down_cycle=None,
                     slow_seconds=150.0, accel=1)
     still = [0.0]
     watching = threading.Event()
