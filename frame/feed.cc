@@ -30,32 +30,6 @@ void serve_ready(int, void *eloop_data, void *) {
   feed_serve(static_cast<int>(static_cast<feed_source *>(eloop_data) - sources));
 }
 
-// One receive and its handling; false when the socket had nothing or
-// failed (reported).
-bool take_one(feed_source &s) {
-  uint8_t buf[FEED_MESSAGE_MAX];
-  ssize_t n;
-  int err;
-  do {
-    n = s.desc.receive(s.desc.fd, buf, s.desc.max_len);
-    err = errno;
-  } while (n < 0 && err == EINTR);
-  if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))
-    return false;
-  if (n < 0 || (n == 0 && s.desc.empty_is_failure)) {
-    if (err == ENOBUFS)
-      s.counters.overruns++;
-    if (s.desc.fail)
-      s.desc.fail(static_cast<int>(n), s.desc.fd, err);
-    return false;
-  }
-  s.counters.received++;
-  s.counters.handled++;
-  if (!s.desc.process(buf, static_cast<size_t>(n)))
-    s.counters.refused++;
-  return true;
-}
-
 }  // namespace
 
 int feed_add_source(const feed_source_desc &desc) {
@@ -77,12 +51,37 @@ const char *feed_source_name(int index) { return sources[index].desc.name; }
 
 const feed_counters &feed_counters_of(int index) { return sources[index].counters; }
 
-void feed_serve(int index) {
+int feed_serve(int index) {
+  feed_source &s = sources[index];
+  uint8_t buf[FEED_MESSAGE_MAX];
   // Several messages per wake-up: one select per message would cost more
   // than handling it.
-  for (int i = 0; i < FEED_BATCH && !held; i++)
-    if (!take_one(sources[index]) || (yield_check && yield_check()))
-      return;
+  int taken = 0;
+  while (taken < FEED_BATCH && !held && s.desc.fd >= 0) {
+    ssize_t n;
+    int err;
+    do {
+      n = s.desc.receive(s.desc.fd, buf, s.desc.max_len);
+      err = errno;
+    } while (n < 0 && err == EINTR);
+    if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK))
+      break;
+    if (n < 0 || (n == 0 && s.desc.empty_is_failure)) {
+      if (err == ENOBUFS)
+        s.counters.overruns++;
+      if (s.desc.fail)
+        s.desc.fail(static_cast<int>(n), s.desc.fd, err);
+      break;
+    }
+    taken++;
+    s.counters.received++;
+    s.counters.handled++;
+    if (!s.desc.process(buf, static_cast<size_t>(n)))
+      s.counters.refused++;
+    if (yield_check && yield_check())
+      break;
+  }
+  return taken;
 }
 
 void feed_set_yield(bool (*yield)()) { yield_check = yield; }
@@ -103,8 +102,10 @@ void feed_hold(bool hold) {
 }
 
 void feed_take_all() {
+  held = false;
+  yield_check = nullptr;
   for (int i = 0; i < source_count; i++)
-    for (int k = 0; k < TAKE_ALL_MAX && sources[i].desc.fd >= 0 && take_one(sources[i]); k++) {
+    for (int k = 0; k < TAKE_ALL_MAX && feed_serve(i) == FEED_BATCH; k += FEED_BATCH) {
     }
 }
 

@@ -55,7 +55,8 @@ const feed_counters &feed_counters_of(int index);
 // The read callback's work: takes up to FEED_BATCH messages from the socket
 // and handles each at once; stops early once yield (if set) says so, so
 // that the loop can run what a handler made due before the next message.
-void feed_serve(int index);
+// How many it took.
+int feed_serve(int index);
 void feed_set_yield(bool (*yield)());
 // Holds every feed (its socket is not read, its input waits in the kernel)
 // or lets them be read again.
