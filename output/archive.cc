@@ -267,8 +267,9 @@ report_result group_archive_timer(void *group) {
   if (g->in_flight) {
     g->timer_waits = true;  // an early archive: this cycle's follows it
     g->uploads.in_flight_peak = 2;
-  } else
+  } else {
     archive_begin(g, true);
+  }
   return report_result::running;
 }
 
@@ -292,13 +293,6 @@ void archive_run_due() {
 bool archive_waiting() {
   for (int i = 0; i < bcp_group_count(); i++)
     if (bcp_group_at(i)->archive_due && bcp_group_at(i)->in_flight)
-      return true;
-  return false;
-}
-
-bool archive_in_flight() {
-  for (int i = 0; i < bcp_group_count(); i++)
-    if (bcp_group_at(i)->in_flight)
       return true;
   return false;
 }

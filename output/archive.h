@@ -21,8 +21,6 @@ void archive_run_due();
 // True while a group waits for its early archive behind one in flight:
 // its spool directory is at its bound, so the feeds wait in the kernel.
 bool archive_waiting();
-// True while any group's archive is in flight.
-bool archive_in_flight();
 // Durable mode's stop, once the commands in flight have ended: the same
 // cycle run while the caller waits, but the zip is kept for the next start
 // instead of being uploaded.
