@@ -14,7 +14,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(REPO, "tools"))
 import qz_sandbox  # noqa: E402
-import qz_soak  # noqa: E402
+import soak  # noqa: E402
 
 
 def main():
@@ -32,7 +32,7 @@ def main():
     binary = os.path.join(build, "qz_fh_audit")
     os.environ.setdefault("QZ_BIN", binary)
     qz_sandbox.enter_namespaces()
-    r = qz_soak.run(binary, os.path.join(build, "tools", "libqz_nlstub.so"), cycles=args.cycles,
+    r = soak.run(binary, os.path.join(build, "tools", "libqz_nlstub.so"), cycles=args.cycles,
                     rate=args.rate, http_rate=args.http_rate, slow_cycles=(3, 4, 8),
                     down_cycle=6, slow_seconds=5.0, accel=args.accel,
                     log=lambda line: print("  " + line, flush=True), durable=args.durable,
