@@ -173,10 +173,9 @@ def new_zips(d, seen):
     """Zip names the netbar group formed since offset seen of the daemon's
     console, and the offset of the last whole line: only the new part is
     read, the console of a soak grows large."""
-    data = d.bytes()
+    data = d.bytes("stdout", seen)
     end = data.rfind(b"\n") + 1
-    chunk = data[seen:end].decode(errors="replace") if end > seen else ""
-    return qz_sandbox.logged_names(chunk, "tmp/145"), max(seen, end)
+    return qz_sandbox.logged_names(data[:end].decode(errors="replace"), "tmp/145"), seen + end
 
 
 def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), down_cycle=6,

@@ -312,7 +312,6 @@ class Daemon:
         for fd in streams.values():
             os.close(fd)
         self.pid = self.proc.pid
-        self._read = {name: (0, b"") for name in streams}
 
     @property
     def returncode(self):
@@ -321,13 +320,10 @@ class Daemon:
     def running(self):
         return self.proc.poll() is None
 
-    def bytes(self, stream="stdout"):
-        offset, data = self._read[stream]
+    def bytes(self, stream="stdout", since=0):
         with open(self.paths[stream], "rb") as f:
-            f.seek(offset)
-            data += f.read()
-        self._read[stream] = (len(data), data)
-        return data
+            f.seek(since)
+            return f.read()
 
     def text(self, stream="stdout"):
         return self.bytes(stream).decode("utf-8", errors="replace")
