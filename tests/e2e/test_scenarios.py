@@ -157,6 +157,8 @@ def second_copies_refused(r):
 
 
 def lines_in_local_time(r):
+    # Without the durable key SIGTERM ends it as it always has.
+    assert not os.path.exists(UNSENT)
     # 07:04:01 UTC is 15:04:01 eight hours east.
     for stream, levels in (("stdout", "DEBUG"), ("stderr", "WARN|ERROR")):
         lines = r.d.text(stream).splitlines()
