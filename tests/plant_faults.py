@@ -333,7 +333,8 @@ class Job:
         self.build = base / ("job%d" % n) / "build"
         self.logs = base / "logs"
         self.workers = e2e_workers
-        shutil.rmtree(self.tree, ignore_errors=True)
+        # Afresh: a run stopped half-way leaves a fault in its copy and build.
+        shutil.rmtree(self.tree.parent, ignore_errors=True)
         files = subprocess.run(["git", "-C", str(ROOT), "ls-files", "-z"], check=True,
                                capture_output=True).stdout.decode().split("\0")
         for rel in filter(None, files):
