@@ -328,11 +328,12 @@ def failed_rows(log, since):
 class Job:
     """A copy of the tree and its build directory."""
 
-    def __init__(self, base, n, e2e_workers):
+    def __init__(self, base, n, e2e_workers, tries):
         self.tree = base / ("job%d" % n) / "tree"
         self.build = base / ("job%d" % n) / "build"
         self.logs = base / "logs"
         self.workers = e2e_workers
+        self.tries = tries
         # Afresh: a run stopped half-way leaves a fault in its copy and build.
         shutil.rmtree(self.tree.parent, ignore_errors=True)
         files = subprocess.run(["git", "-C", str(ROOT), "ls-files", "-z"], check=True,
@@ -359,7 +360,7 @@ class Job:
         env = dict(os.environ, QZ_BIN=str(self.build / "qz_fh_audit"), QZ_E2E_LONG_WAIT="60")
         e2e = self.tree / "tests" / "e2e"
         select, rows = [str(e2e)], []
-        for _ in range(2):
+        for _ in range(self.tries):
             since = len(pathlib.Path(log).read_text(errors="replace"))
             run(["/usr/bin/python3", "-m", "pytest", "-q", "-rf", "-n", str(self.workers)] + select,
                 log, env)
@@ -393,6 +394,8 @@ def main():
     ap.add_argument("--dir", default=str(ROOT / "build-faults"))
     ap.add_argument("--jobs", type=int, default=2, help="faults planted at once")
     ap.add_argument("--e2e-workers", type=int, default=4, help="end-to-end rows at once, per job")
+    ap.add_argument("--once", action="store_true",
+                    help="a row that fails once is a catcher (a quiet machine: no second run)")
     ap.add_argument("--dry", action="store_true", help="only check that each fault applies")
     ap.add_argument("ids", nargs="*")
     args = ap.parse_args()
@@ -405,7 +408,7 @@ def main():
     (base / "logs").mkdir(parents=True, exist_ok=True)
     jobs = queue.Queue()
     for n in range(min(args.jobs, len(faults))):
-        jobs.put(Job(base, n, args.e2e_workers))
+        jobs.put(Job(base, n, args.e2e_workers, 1 if args.once else 2))
     # Nothing may fail before a fault is planted.
     job = jobs.get()
     clean = job.tests(base / "logs" / "clean.log")
