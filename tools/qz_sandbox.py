@@ -401,6 +401,8 @@ class SyslogSink:
                 data = self._sock.recv(65536)
             except OSError:
                 return
+            if not data:  # shut down
+                return
             with self._cond:
                 if data.startswith(self._SYNC):
                     self._synced = max(self._synced, int(data[len(self._SYNC):]))

@@ -887,7 +887,38 @@ def hung_server(r):
     r.log("send bjson file :", count=r.d.stdout_text().count("send bjson file :") + 1)
 
 
+def no_route(r):
+    qz_sandbox.run("ip", "addr", "flush", "dev", qz_sandbox.ROUTE_IF)
+    # Each probe of the tick's leaves its time.
+    with open(os.path.join(r.sb.bin_dir, "route"), "w") as f:
+        f.write("#!/bin/sh\ndate +%s >> /etc/qz_sim/probes\nexec /usr/sbin/route \"$@\"\n")
+    os.chmod(os.path.join(r.sb.bin_dir, "route"), 0o755)
+
+
+def route_comes_up(r):
+    # The router's address is the tick's probe's, never a record's: a record
+    # built once the route is up, before a tick has found it, says 0.
+    def probes():
+        with open("/etc/qz_sim/probes") as f:
+            return len(f.readlines())
+    seen = r.until(lambda: os.path.exists("/etc/qz_sim/probes") and probes(), "a probe")
+    r.until(lambda: probes() > seen, "a tick's probe")
+    time.sleep(1.5)  # past the second a failed probe is remembered
+    qz_sandbox.run("ip", "addr", "add", qz_sandbox.ROUTE_IP + "/24", "dev", qz_sandbox.ROUTE_IF)
+    qz_sandbox.run("ip", "route", "add", "default", "via", qz_sandbox.GATEWAY_IP)
+    r.online([0])
+    seen = probes()
+    r.until(lambda: probes() > seen, "the next tick's probe")
+    time.sleep(0.5)
+    r.online([1])
+    # The records as the console shows them: the files are written later.
+    got = r.until(lambda: (lambda x: x if len(x) == 2 else None)(
+        re.findall(re.escape(RECORD) + "(.*)", r.d.stdout_text())), "two records")
+    assert [qz_bcp.record(S1, x)["SRC_IP"] for x in got] == ["0", "33574154"], got
+
+
 HOST_ROWS = [
+    Row("route_comes_up_after_the_start", clock=None, planted=(no_route,), steps=(route_comes_up,)),
     Row("durable_runs", config=DURABLE, pauses=(0,), steps=(durable_runs,), status=0,
         online=range(45), allowed=(FAILED,), check=durable_third_stop, slow=True),
     Row("flood_through_stalled_uploads", args=(), ready=None, steps=(flood,), slow=True),
