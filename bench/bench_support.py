@@ -1,15 +1,6 @@
-"""What the benchmarks read of the daemon's process, and the terminals they
-make up."""
+"""What the benchmarks read of the daemon's process."""
 import os
 import time
-
-# A status file line for every made-up terminal: served by one access point.
-STATUS_LINE = "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n"
-
-
-def mac_of(i):
-    """Terminal i's MAC: 02:00 and i in the last four bytes."""
-    return "02:00:%02x:%02x:%02x:%02x" % ((i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255)
 
 
 def cpu_seconds(pid):

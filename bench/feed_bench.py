@@ -27,7 +27,8 @@ REPO = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(REPO, "tools"))
 import qz_router_sim as sim  # noqa: E402
 import qz_sandbox  # noqa: E402
-from bench_support import STATUS_LINE, cpu_seconds, mac_of, memory_kib, wait_quiet  # noqa: E402
+from bench_support import cpu_seconds, memory_kib, wait_quiet  # noqa: E402
+from qz_router_sim import STATUS_LINE, mac_of  # noqa: E402
 
 
 def timed_send(sender, *args):

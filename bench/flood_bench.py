@@ -33,9 +33,11 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(REPO, "tools"))
+import qz_bcp  # noqa: E402
+import qz_router_sim as sim  # noqa: E402
 import qz_sandbox  # noqa: E402
-import qz_soak  # noqa: E402
-from bench_support import STATUS_LINE, cpu_seconds, mac_of, memory_kib, wait_quiet  # noqa: E402
+from bench_support import cpu_seconds, memory_kib, wait_quiet  # noqa: E402
+from qz_router_sim import STATUS_LINE, mac_of  # noqa: E402
 
 ACCEL = 60
 SOCKET_PATH = "/tmp/qz_hk_audit_srv"
@@ -43,7 +45,8 @@ SOCKET_PATH = "/tmp/qz_hk_audit_srv"
 
 def datagram_numbers(uploads):
     """Numbers of the datagrams whose records arrived in zips of group 145."""
-    return [k for u in uploads if u.remote == "tmp/145" for k in qz_soak.read_flood_numbers(u.path)]
+    return [sim.number_of(r) for u in uploads if u.remote == "tmp/145"
+            for r in qz_bcp.read(u.path, check_name=False).records("WA_SOURCE_FJ_0001")]
 
 
 def send(build, *args):
@@ -70,7 +73,7 @@ def spool_numbers():
     for name in os.listdir("/tmp/145"):
         if "WA_SOURCE_FJ_0001" in name:
             with open(os.path.join("/tmp/145", name), encoding="utf-8", newline="\n") as f:
-                numbers += [qz_soak.flood_number(line) for line in f]
+                numbers += [sim.number_of(qz_bcp.record("WA_SOURCE_FJ_0001", line)) for line in f]
     return numbers
 
 
@@ -115,7 +118,7 @@ def run_daemon(sb, binary, build, datagrams, terminals, stall=0.0, rate=0.0, fak
 
 
 def set_route(present):
-    run = qz_sandbox._run
+    run = qz_sandbox.run
     if present:
         run("ip", "addr", "add", qz_sandbox.ROUTE_IP + "/24", "dev", qz_sandbox.ROUTE_IF,
             check=False)

@@ -20,7 +20,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(REPO, "tools"))
 import qz_sandbox  # noqa: E402
-import qz_soak  # noqa: E402
+import soak  # noqa: E402
 
 
 def watch_counters(still, done):
@@ -64,7 +64,7 @@ def main():
     still = [0.0]
     watching = threading.Event()
     threading.Thread(target=watch_counters, args=(still, watching), daemon=True).start()
-    r = qz_soak.run(binary, os.path.join(build, "tools", "libqz_nlstub.so"),
+    r = soak.run(binary, os.path.join(build, "tools", "libqz_nlstub.so"),
                     log=lambda line: print("  " + line, flush=True), durable=args.durable,
                     term_cycle=9 if args.durable else None,
                     kill_cycle=11 if args.durable else None, **plan)

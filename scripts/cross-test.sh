@@ -4,7 +4,7 @@
 #   - the unit tests;
 #   - the fuzz seeds, replayed through each fuzz target, and what the
 #     parsers make of them, which must equal this machine's reading;
-#   - the end-to-end smoke run (tests/e2e/test_smoke.py) of the Release and
+#   - the end-to-end smoke row (tests/e2e/test_scenarios.py) of the Release and
 #     of the router build: online, HTTP and offline events, two upload
 #     cycles checked by qz_bcp_check --exact, uploads equal to golden/smoke.txt;
 #   - the router build's shared libraries (libc, GLib and jansson only);
@@ -93,7 +93,7 @@ smoke() {
 	binary=$1
 	shift
 	env QZ_BIN="$binary" QZ_SMOKE_OUT="$binary.smoke" "$@" \
-		"$python" tests/e2e/run.py test_smoke >"$binary.smoke.log" 2>&1
+		"$python" -m pytest -q tests/e2e -k 'test_row and smoke' >"$binary.smoke.log" 2>&1
 }
 
 results=$out/results.txt

@@ -120,11 +120,6 @@ STATUS_LINE_RE = re.compile(
     r'\{"fc":"(?P<fc>[^"\\]*)", "sc":"(?P<sc>[^"\\]*)", '
     r'"dc":"(?P<dc>[^"\\]*)", "ds":"(?P<ds>[^"\\]*)"\}')
 
-# The daemon logs the name of every upload with the function that made it.
-LOGGED_RE = re.compile(r"(\w+)<\d+>: DEBUG:(?:form zip file :|send bjson file :/tmp/144/)(\S+)\n")
-REMOTES = {"netbar_report_timer": "tmp/145", "source_report_timer": "tmp/146",
-           "bjson_report_timer": "tmp/144"}
-
 BCP_NAME_FORMAT = "<group>-<source>-<seconds>-<5-digit seq>-<dataset>-0.bcp"
 ZIP_NAME_FORMAT = "<group>-507183926-<source>-<dst>-<seconds>-<5-digit seq>.zip"
 STATUS_NAME_FORMAT = "145-<source>-<seconds>-<seq>-DEVICESTATUS-0.bjson"
@@ -134,12 +129,6 @@ def record(code, line):
     """One BCP line of the dataset (text, with or without its line feed)
     as {column name: value}."""
     return dict(zip(NAMES[code], line.rstrip("\n").split("\t")))
-
-
-def logged_names(log, remote):
-    """The names the daemon's log text gives its uploads to a remote
-    directory ("tmp/145"), in order; a line is taken once it is whole."""
-    return [name for func, name in LOGGED_RE.findall(log) if REMOTES.get(func) == remote]
 
 
 def bcp_code(name):

@@ -24,7 +24,6 @@ Needs root (namespaces) and Debian's python3 with pyftpdlib.
 
 import argparse
 import os
-import re
 import shutil
 import sys
 import time
@@ -82,8 +81,6 @@ CYCLE_PLAN = [
 MAPPED_AUTH_TYPES = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14, 99, 100}
 DESTINATIONS = [("203.0.113.10", 80), ("198.51.100.7", 8080), ("203.0.113.99", 80)]
 
-ENTRY = re.compile(r"(\d+-\d+-\d+ \d+:\d+:\d+) (\w+)<\d+>: (DEBUG|WARN|ERROR):")
-
 
 def parse_args():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
@@ -124,40 +121,38 @@ class Console:
 
     def __init__(self, sb, d, verbose):
         self.sb, self.d, self.verbose = sb, d, verbose
-        self.offset = 0
-        self.names = {remote: [] for remote in qz_bcp.REMOTES.values()}
+        self.offsets = {"stdout": 0, "stderr": 0}
+        self.names = {remote: [] for remote, _ in qz_sandbox.UPLOADERS.values()}
         self.uploads_seen = 0
         self.ticks = 0
 
     def pump(self):
-        text = self.d.any_text()
-        # Only whole lines: a message may still be on its way.
-        end = text.rfind("\n") + 1
-        if end > self.offset:
-            chunk = text[self.offset:end]
-            self.offset = end
-            if self.verbose:
-                sys.stdout.write(chunk)
-            self._scan(chunk)
+        for stream, offset in self.offsets.items():
+            text = self.d.text(stream)
+            # Only whole lines: a message may still be on its way.
+            end = text.rfind("\n") + 1
+            if end > offset:
+                chunk = text[offset:end]
+                self.offsets[stream] = end
+                if self.verbose:
+                    sys.stdout.write(chunk)
+                self._scan(chunk)
         ups = self.sb.ftp.uploads()
         for u in ups[self.uploads_seen:]:
             say("  [ftp]     received %-8s %6d bytes" % (u.remote, u.size))
         self.uploads_seen = len(ups)
 
     def _scan(self, chunk):
-        starts = list(ENTRY.finditer(chunk))
-        for i, m in enumerate(starts):
-            stamp, func, level = m.groups()
-            msg = chunk[m.end():starts[i + 1].start() if i + 1 < len(starts) else len(chunk)]
+        for stamp, func, _, level, msg in qz_sandbox.log_entries(chunk):
             msg = msg.split("\n", 1)[0]
-            found = qz_bcp.LOGGED_RE.match(chunk, m.start(2))
-            if found and func in qz_bcp.REMOTES:
-                self.names[qz_bcp.REMOTES[func]].append(found.group(2))
+            remote, head = qz_sandbox.UPLOADERS.get(func, (None, None))
+            if remote and msg.startswith(head):
+                self.names[remote].append(msg[len(head):])
                 if func == "bjson_report_timer":
                     self.ticks += 1
                 if not self.verbose:
                     what = "status file" if func == "bjson_report_timer" else "archive"
-                    say("  [daemon]  %s %s %s" % (stamp.split(" ")[1], what, found.group(2)))
+                    say("  [daemon]  %s %s %s" % (stamp.split(" ")[1], what, msg[len(head):]))
             elif level != "DEBUG" and not self.verbose:
                 say("  [daemon]  %s %s: %s" % (stamp.split(" ")[1], level, msg))
             elif msg.startswith("can not find access mac:") and not self.verbose:
@@ -297,11 +292,11 @@ def summarize(console, out):
 
 def save_logs(out, sb, d):
     with open(os.path.join(out, "console-stdout.log"), "wb") as f:
-        f.write(d.stdout_bytes())
+        f.write(d.bytes("stdout"))
     with open(os.path.join(out, "console-stderr.log"), "wb") as f:
-        f.write(d.stderr_bytes())
+        f.write(d.bytes("stderr"))
     with open(os.path.join(out, "syslog.log"), "w") as f:
-        f.writelines(line if line.endswith("\n") else line + "\n" for line in sb.syslog_lines())
+        f.writelines(line if line.endswith("\n") else line + "\n" for line in sb.syslog.lines())
 
 
 # -- the run -----------------------------------------------------------------------
@@ -314,7 +309,7 @@ def run(args):
         say("== Sandbox")
         say("  route: default via %s dev %s, address %s"
             % (qz_sandbox.GATEWAY_IP, qz_sandbox.ROUTE_IF, qz_sandbox.ROUTE_IP))
-        say("  FTP server: %s, user %r" % (sb.ftp.url_base(), sb.ftp.user))
+        say("  FTP server: ftp://%s:%d, user %r" % (sb.ftp.host, sb.ftp.port, sb.ftp.user))
         say("  configuration: place %s (source %s), vendor %s"
             % (sb.config_values()["fh_netbar_name"], sb.config_values()["fh_source_str"],
                sb.config_values()["fh_org_name"]))

@@ -1,51 +1,47 @@
-"""Private world for end-to-end runs of qz_fh_audit.
+"""Private world for runs of qz_fh_audit in tests, benchmarks and the demo.
 
 The daemon has fixed paths (/tmp, /etc/qz_fh_audit.json, /dev/log) and asks
-the routing table for its address, so tests isolate it with namespaces
-instead of changing paths:
+the routing table for its address, so runs are isolated with namespaces
+instead of changed paths:
 
-    enter_namespaces()          # first thing in the test program
+    enter_namespaces()          # first thing in the program
     with Sandbox() as sb:
         sb.write_config()
         d = sb.start_daemon()
         d.wait_for(r"mkdir /tmp/146")
 
-enter_namespaces() re-runs the program under unshare with new mount, network
-and pid namespaces.  Each Sandbox then mounts a fresh tmpfs on /tmp, an
-overlay on /etc, a private /dev whose /dev/log is read by the sandbox, a
-veth pair with a default route, an FTP sink and a bin directory with the
-router's commands; closing it kills every process it left and undoes all
-of it, so tests in one program do not see each other.
-
-Runs under Debian's /usr/bin/python3 (pyftpdlib), as root.
+enter_namespaces() re-runs the program under unshare with new mount,
+network, IPC and pid namespaces.  A Sandbox then mounts a fresh tmpfs on
+/tmp, an overlay on /etc, a private /dev whose /dev/log it reads, a veth
+pair with a default route, an FTP sink and a bin directory with the
+router's `wum` (tools/wum); closing it kills every process it left.
 
 A cross build runs under qemu-user when QZ_EMULATOR names the emulator
-(qemu-aarch64-static) and QZ_SYSROOT the target's root, which holds its
-loader, libraries and libfaketime (packaging/cross/sysroot.sh makes one).
-The daemon's own loader then preloads the target's libfaketime and the
-libraries a test asks for; the commands it starts are this machine's
-programs and run on the real clock.  They cannot share the daemon's faked
-clock: libfaketime passes it to children in shared memory laid out in the
-daemon's byte order and word size.
+and QZ_SYSROOT the target's root (packaging/cross/sysroot.sh makes one).
+The target's own loader then preloads the target's libfaketime; the
+commands the daemon starts are this machine's and run on the real clock.
+
+Runs under Debian's /usr/bin/python3 (pyftpdlib, psutil, pyelftools), as root.
 """
 
-import codecs
+import collections
 import contextlib
 import fcntl
 import json
 import os
-import platform
 import re
 import shlex
 import shutil
 import signal
 import socket
-import struct
 import subprocess
 import sys
 import tempfile
 import threading
 import time
+
+import psutil
+from elftools.elf.elffile import ELFFile
 
 TOOLS_DIR = os.path.dirname(os.path.abspath(__file__))
 if TOOLS_DIR not in sys.path:
@@ -55,13 +51,15 @@ from qz_config_keys import config_doc  # noqa: E402
 from qz_ftp_sink import FtpSink  # noqa: E402
 
 UNSHARE = "/usr/bin/unshare"
-# Where Debian's libfaketime lies: /usr/lib/<multiarch>/faketime.
+# Debian's libfaketime: /usr/lib/<multiarch>/faketime; $LIB in the target's loader.
 FAKETIME_PATH = "/usr/%s/faketime/libfaketime.so.1"
 SYSTEM_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
 CONFIG_PATH = "/etc/qz_fh_audit.json"
 LOCK_PATH = "/tmp/qz_fh_lock"
-WUM_LISTING = "/etc/qz_sim/wtps"
+STATS_PATH = "/tmp/qz_fh_stats.json"
+# The state of tools/wum, the stand-in of `wum -c wtps`: see that script.
+WUM_DIR = "/etc/qz_sim"
 SYSLOG_PATH = "/dev/log"
 
 ROUTE_IF = "qzr0"
@@ -70,28 +68,18 @@ ROUTE_IP = "10.77.0.2"
 GATEWAY_IP = "10.77.0.1"
 
 DEFAULT_START = "2024-03-05 07:04:01"
+START_EPOCH = 1709622241  # DEFAULT_START in UTC
 DEFAULT_ACCEL = 60
 
-# A value for each key the daemon reads, in its order (a key added to its list
-# without a value here stops the import).  The FTP values are replaced by the
-# sandbox's sink when it has one.
+# A value for each key the daemon reads (a key added to its list without a
+# value here stops the import).  The FTP values are the sink's.
 DEFAULT_CONFIG = config_doc({
-    "fh_netbar_property_str": "3",
-    "fh_netbar_type_str": "9",
-    "fh_netbar_name": "Harbour Cafe",
-    "fh_equipment_name": "AP-01",
-    "fh_source_str": "350100",
-    "fh_address": "Main Street 1",
-    "fh_dst_str": "350000",
-    "fh_longitude": "119.30",
-    "fh_latitude": "26.08",
-    "fh_org_name": "Example Networks Ltd",
-    "fh_org_tel_num": "0591-88880000",
-    "fh_org_mail": "support@example.com",
-    "fh_org_address": "Harbour Road 2",
-    "fh_ftp_ip": "127.0.0.1",
-    "fh_ftp_port": "21",
-    "fh_ftp_username": "qzaudit",
+    "fh_netbar_property_str": "3", "fh_netbar_type_str": "9", "fh_netbar_name": "Harbour Cafe",
+    "fh_equipment_name": "AP-01", "fh_source_str": "350100", "fh_address": "Main Street 1",
+    "fh_dst_str": "350000", "fh_longitude": "119.30", "fh_latitude": "26.08",
+    "fh_org_name": "Example Networks Ltd", "fh_org_tel_num": "0591-88880000",
+    "fh_org_mail": "support@example.com", "fh_org_address": "Harbour Road 2",
+    "fh_ftp_ip": "127.0.0.1", "fh_ftp_port": "21", "fh_ftp_username": "qzaudit",
     "fh_ftp_password": "qz-pass-1",
 })
 # Value for Sandbox.write_config() that leaves the key out of the file.
@@ -103,71 +91,50 @@ _ENV_FLAG = "QZ_IN_SANDBOX"
 # -- namespaces ---------------------------------------------------------------
 
 def enter_namespaces():
-    """Runs the rest of the program in new mount, network and pid namespaces.
-
-    Outside: re-executes the same command line under unshare and exits with
-    its status (this call does not return).  Inside: pid 1 stays behind as
-    a reaper that collects orphans (a detached daemon is re-parented to it)
-    and exits with the program's status; the program goes on in its child.
-    When pid 1 ends, the kernel kills whatever the program left running.
-    """
+    """Runs the rest of the program in new namespaces: re-executes the same
+    command line under unshare (this call then does not return).  Inside,
+    pid 1 stays behind as a reaper of orphans (a detached daemon is
+    re-parented to it) and exits with the program's status; when it ends,
+    the kernel kills whatever the program left running."""
     if os.environ.get(_ENV_FLAG) != "1":
         if os.geteuid() != 0:
             sys.exit("qz_sandbox: namespaces need root")
-        env = dict(os.environ)
-        env[_ENV_FLAG] = "1"
-        argv = [UNSHARE, "--mount", "--net", "--pid", "--fork", "--mount-proc",
+        argv = [UNSHARE, "--mount", "--net", "--ipc", "--pid", "--fork", "--mount-proc",
                 "--kill-child", sys.executable] + sys.orig_argv[1:]
         sys.stdout.flush()
         sys.stderr.flush()
-        os.execve(UNSHARE, argv, env)
+        os.execve(UNSHARE, argv, dict(os.environ, **{_ENV_FLAG: "1"}))
     if os.getpid() == 1:
-        _become_reaper()
-    # A background job of a shell starts with SIGINT and SIGQUIT ignored,
-    # nohup with SIGHUP ignored, and the daemon would inherit that; its
-    # tests expect the default actions.
+        child = os.fork()
+        if child:
+            _reap(child)
+    # A shell's background job starts with SIGINT and SIGQUIT ignored, and
+    # the daemon would inherit that; its runs expect the defaults.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     for sig in (signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
         signal.signal(sig, signal.SIG_DFL)
-    _run("mount", "--make-rprivate", "/")
+    run("mount", "--make-rprivate", "/")
 
 
-def _become_reaper():
-    child = os.fork()
-    if child == 0:
-        return
-
+def _reap(child):
     def forward(signum, _frame):
         with contextlib.suppress(ProcessLookupError):
             os.kill(child, signum)
-
     # pid 1 ignores signals it has no handler for; pass the polite ones on.
-    # Ctrl-C reaches the program directly through the process group.
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     for sig in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(sig, forward)
     while True:
-        try:
-            pid, status = os.wait()
-        except ChildProcessError:
-            os._exit(1)
+        pid, status = os.wait()
         if pid == child:
             code = os.waitstatus_to_exitcode(status)
             os._exit(code if code >= 0 else 128 - code)
 
 
-def _require_namespaces():
-    # Mounting over /tmp, /etc and /dev of the real system would be ruinous.
-    if os.environ.get(_ENV_FLAG) != "1" or os.getppid() != 1:
-        raise RuntimeError("Sandbox needs enter_namespaces() first")
-
-
-def _run(*cmd, check=True):
-    r = subprocess.run(cmd, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                       stderr=subprocess.PIPE, text=True)
+def run(*cmd, check=True):
+    r = subprocess.run(cmd, stdin=subprocess.DEVNULL, capture_output=True, text=True)
     if check and r.returncode != 0:
-        raise RuntimeError("%s failed (%d): %s" % (" ".join(cmd), r.returncode,
-                                                   r.stderr.strip()))
+        raise RuntimeError("%s failed (%d): %s" % (" ".join(cmd), r.returncode, r.stderr.strip()))
     return r
 
 
@@ -185,342 +152,166 @@ def wait_until(predicate, timeout, what="condition", interval=0.05):
         time.sleep(interval)
 
 
-def proc_status(pid):
-    """Fields of /proc/PID/status as a dict, or None when there is no such process."""
-    try:
-        with open("/proc/%d/status" % pid) as f:
-            return dict(line.rstrip("\n").split(":\t", 1) for line in f if ":\t" in line)
-    except (FileNotFoundError, ProcessLookupError):
-        return None
-
-
 def is_running(pid):
     """True while the process exists and is not a zombie."""
-    st = proc_status(pid)
-    return st is not None and not st.get("State", "").startswith(("Z", "X"))
+    try:
+        return psutil.Process(pid).status() not in (psutil.STATUS_ZOMBIE, psutil.STATUS_DEAD)
+    except psutil.NoSuchProcess:
+        return False
 
 
-def caught_signals(pid):
-    """Signal numbers for which the process has installed a handler."""
-    st = proc_status(pid)
-    if st is None:
+def signal_set(pid, *fields):
+    """Signal numbers of masks in /proc/PID/status (SigCgt: caught, SigIgn:
+    ignored, SigPnd and ShdPnd: pending); empty once the process has gone."""
+    try:
+        with open("/proc/%d/status" % pid) as f:
+            st = dict(line.rstrip("\n").split(":\t", 1) for line in f if ":\t" in line)
+    except OSError:
         return set()
-    mask = int(st["SigCgt"], 16)
-    return {n for n in range(1, 65) if mask & (1 << (n - 1))}
-
-
-def pending_signals(pid):
-    """Signals sent to the process and not yet delivered."""
-    st = proc_status(pid)
-    if st is None:
-        return set()
-    mask = int(st["SigPnd"], 16) | int(st["ShdPnd"], 16)
+    mask = 0
+    for field in fields:
+        mask |= int(st[field], 16)
     return {n for n in range(1, 65) if mask & (1 << (n - 1))}
 
 
 def send_signal(pid, sig, timeout=60.0):
-    """Sends sig and waits until it has been delivered.
-
-    Two different signals pending at once are delivered lowest number
-    first, whatever the order they were sent in; a test that means
-    "SIGUSR2, then SIGUSR1" has to let each arrive before the next."""
+    """Sends sig and waits until it has been delivered: two different
+    signals pending at once are delivered lowest number first."""
     os.kill(pid, sig)
-    wait_until(lambda: sig not in pending_signals(pid) or not is_running(pid), timeout,
-               "delivery of signal %d to %d" % (sig, pid), interval=0.002)
-    # Delivered means the handler is entered; give it time to return.
-    time.sleep(0.01)
-
-
-# -- this machine and the target ------------------------------------------------
-
-_multiarch = None
-
-
-def multiarch():
-    """This machine's multiarch name, e.g. x86_64-linux-gnu."""
-    global _multiarch
-    if _multiarch is None:
-        for cmd in (["gcc", "-print-multiarch"], ["dpkg-architecture", "-qDEB_HOST_MULTIARCH"]):
-            try:
-                out = subprocess.run(cmd, stdin=subprocess.DEVNULL, capture_output=True,
-                                     text=True).stdout.strip()
-            except OSError:
-                continue
-            if out:
-                _multiarch = out
-                break
-        else:
-            raise RuntimeError("cannot tell this machine's multiarch name (install gcc)")
-    return _multiarch
-
-
-def faketime_lib():
-    """This machine's libfaketime."""
-    path = FAKETIME_PATH % ("lib/" + multiarch())
-    if not os.path.exists(path):
-        raise RuntimeError("%s is missing: install faketime" % path)
-    return path
-
-
-def emulation():
-    """(emulator, sysroot) when the daemon is a cross build run under
-    qemu-user, else None."""
-    emulator = os.environ.get("QZ_EMULATOR")
-    if not emulator:
-        return None
-    root = os.environ.get("QZ_SYSROOT")
-    if not root or not os.path.isdir(root):
-        raise RuntimeError("QZ_EMULATOR needs QZ_SYSROOT, the target's root")
-    return shlex.split(emulator), os.path.realpath(root)
-
-
-def elf_interpreter(path):
-    """The program interpreter (loader) an ELF executable names, or None."""
-    with open(path, "rb") as f:
-        data = f.read()
-    if data[:4] != b"\x7fELF":
-        raise RuntimeError("%s is not an ELF file" % path)
-    order = "<" if data[5] == 1 else ">"
-    if data[4] == 2:  # 64-bit
-        phoff, = struct.unpack_from(order + "Q", data, 32)
-        entsize, count = struct.unpack_from(order + "HH", data, 54)
-        entry = order + "IIQQQQ"  # type, flags, offset, vaddr, paddr, filesz
-    else:
-        phoff, = struct.unpack_from(order + "I", data, 28)
-        entsize, count = struct.unpack_from(order + "HH", data, 42)
-        entry = order + "IIIIII"  # type, offset, vaddr, paddr, filesz, memsz
-    for i in range(count):
-        fields = struct.unpack_from(entry, data, phoff + i * entsize)
-        if fields[0] == 3:  # PT_INTERP
-            offset, size = (fields[2], fields[5]) if data[4] == 2 else (fields[1], fields[4])
-            return data[offset:offset + size].rstrip(b"\0").decode()
-    return None
-
-
-# Syscalls in which a process waits for its sockets (poll, select, pselect6,
-# ppoll and their 64-bit-time forms), by this machine's architecture: an
-# emulated daemon waits in the emulator's calls, which are this machine's.
-_WAIT_SYSCALLS_BY_MACHINE = {
-    "x86_64": {7, 23, 270, 271},
-    "aarch64": {72, 73},
-    "riscv64": {72, 73},
-    "armv7l": {142, 168, 335, 336, 413, 414},
-    "armv8l": {142, 168, 335, 336, 413, 414},
-    "i686": {142, 168, 308, 309, 413, 414},
-    "s390x": {142, 168, 301, 302},
-    "ppc64le": {82, 142, 167, 280, 281},
-    "mips": {4142, 4168, 4301, 4302, 4413, 4414},
-}
-
-
-def _wait_syscalls():
-    machine = platform.machine()
-    if machine not in _WAIT_SYSCALLS_BY_MACHINE:
-        raise RuntimeError("no list of waiting syscalls for %s" % machine)
-    return _WAIT_SYSCALLS_BY_MACHINE[machine]
+    wait_until(lambda: sig not in signal_set(pid, "SigPnd", "ShdPnd") or not is_running(pid),
+               timeout, "delivery of signal %d to %d" % (sig, pid), interval=0.002)
+    time.sleep(0.01)  # delivered means the handler is entered
 
 
 def children_of(pid):
-    kids = []
     try:
-        for tid in os.listdir("/proc/%d/task" % pid):
-            with open("/proc/%d/task/%s/children" % (pid, tid)) as f:
-                kids += [int(k) for k in f.read().split()]
-    except OSError:
-        pass
-    return kids
-
-
-def is_idle(pid):
-    """True when the process waits in select/poll and runs no command."""
-    try:
-        with open("/proc/%d/syscall" % pid) as f:
-            nr = f.read().split()[0]
-    except (OSError, IndexError):
-        return False
-    return nr.isdigit() and int(nr) in _wait_syscalls() and not children_of(pid)
+        return psutil.Process(pid).children()
+    except psutil.NoSuchProcess:
+        return []
 
 
 def wait_idle(pid, timeout=60.0):
-    """Waits until the process is idle twice in a row, 50 ms apart: its
-    start-up or current job is over and it waits for the next event."""
-    def twice():
-        return is_idle(pid) and (time.sleep(0.05) or is_idle(pid))
-    wait_until(twice, timeout, "process %d to wait idle" % pid)
+    """Waits until the process sleeps without a child twice, 50 ms apart:
+    it waits for its next event."""
+    def idle():
+        try:
+            return psutil.Process(pid).status() == psutil.STATUS_SLEEPING and not children_of(pid)
+        except psutil.NoSuchProcess:
+            return False
+    wait_until(lambda: idle() and (time.sleep(0.05) or idle()), timeout, "%d idle" % pid)
+
+
+def _without_children_of(procs):
+    """Leaves out processes whose parent is in the list too: a command
+    between its fork and its exec."""
+    pids = {p.pid for p in procs}
+    return sorted(p.pid for p in procs if p.info["ppid"] not in pids)
 
 
 def pids_of(exe):
-    """Live processes running the executable exe, leaving out children
-    that have not yet replaced it by exec (a command being started)."""
+    """Live processes running the executable exe."""
     exe = os.path.realpath(exe)
-    found = []
-    for name in os.listdir("/proc"):
-        if not name.isdigit():
-            continue
-        try:
-            # A binary rebuilt while its copy runs shows as "... (deleted)".
-            link = os.readlink("/proc/%s/exe" % name)
-            if link.split(" (deleted)")[0] == exe and is_running(int(name)):
-                found.append(int(name))
-        except OSError:
-            pass
-    return sorted(p for p in found if int((proc_status(p) or {}).get("PPid", 0)) not in found)
+    # A binary rebuilt while its copy runs shows as "... (deleted)".
+    return _without_children_of([p for p in psutil.process_iter(["exe", "ppid", "status"])
+                                 if (p.info["exe"] or "").split(" (deleted)")[0] == exe
+                                 and p.info["status"] != psutil.STATUS_ZOMBIE])
+
+
+def lock_holders(path=LOCK_PATH):
+    """Processes that have the lock file open.  /proc/locks cannot tell:
+    it names the process that took the lock, and after daemon() that is
+    the parent, which has gone."""
+    return _without_children_of([p for p in psutil.process_iter(["open_files", "ppid"])
+                                 if p.pid != os.getpid() and
+                                 any(f.path == path for f in p.info["open_files"] or ())])
 
 
 def lock_is_held(path=LOCK_PATH):
-    """True when some process holds an exclusive flock on path.
-
-    Probes with a shared lock of its own for an instant: do not call it
-    while a daemon is starting, or that start may find the lock taken."""
+    """True when some process holds an exclusive flock on path.  Probes with
+    a shared lock for an instant: not while a daemon starts."""
     try:
         fd = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
     except (FileNotFoundError, IsADirectoryError):
         return False
     try:
         fcntl.flock(fd, fcntl.LOCK_SH | fcntl.LOCK_NB)
+        return False
     except BlockingIOError:
         return True
     finally:
         os.close(fd)
-    return False
-
-
-def open_by(path):
-    """Pids of live processes with path open."""
-    path = os.path.realpath(path)
-    found = set()
-    for name in os.listdir("/proc"):
-        if not name.isdigit() or int(name) == os.getpid():
-            continue
-        fd_dir = "/proc/%s/fd" % name
-        try:
-            for fd in os.listdir(fd_dir):
-                if os.readlink(os.path.join(fd_dir, fd)) == path:
-                    found.add(int(name))
-                    break
-        except OSError:
-            pass
-    return sorted(p for p in found if is_running(p))
-
-
-def lock_holders(path=LOCK_PATH):
-    """Processes that have the lock file open, leaving out children that
-    share it with their parent only until they exec (a command being
-    started).  /proc/locks cannot tell: it names the process that took the
-    lock, and after daemon() that is the parent, which has gone."""
-    pids = open_by(path)
-    return [p for p in pids if int((proc_status(p) or {}).get("PPid", 0)) not in pids]
 
 
 def lock_holder(path=LOCK_PATH):
     """Pid of the process holding the daemon's lock, or None."""
-    if not lock_is_held(path):
-        return None
-    pids = lock_holders(path)
+    pids = lock_holders(path) if lock_is_held(path) else []
     return pids[0] if pids else None
 
 
-def _kill_strays():
-    """SIGKILLs every process of the pid namespace but pid 1 and this one."""
-    me = os.getpid()
-    victims = []
-    for name in os.listdir("/proc"):
-        if name.isdigit() and int(name) not in (1, me):
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(int(name), signal.SIGKILL)
-                victims.append(int(name))
-    for pid in victims:
-        # Our own children are ours to reap; orphans go to pid 1.
-        with contextlib.suppress(ChildProcessError):
-            os.waitpid(pid, 0)
-    deadline = time.monotonic() + 5
-    while any(os.path.exists("/proc/%d" % p) for p in victims) and time.monotonic() < deadline:
-        time.sleep(0.02)
+def read_stats():
+    """The counters file, or None while there is none."""
+    try:
+        with open(STATS_PATH) as f:
+            return json.load(f)
+    except (OSError, ValueError):
+        return None
 
 
-# -- captured output ----------------------------------------------------------
+# -- the daemon's log -----------------------------------------------------------
 
-class _Capture:
-    """Bytes of several named streams, appended by reader threads."""
+# "2024-3-5 7:4:1 main<84>: ERROR:": unpadded local time, function, line.
+LOG_PREFIX = re.compile(r"(\d{4}-\d{1,2}-\d{1,2} \d{1,2}:\d{1,2}:\d{1,2}) (\w+)<(\d+)>: "
+                        r"(DEBUG|WARN|ERROR):")
+LogEntry = collections.namedtuple("LogEntry", "stamp func line level message")
+# The functions that log the name of each upload, and where it goes.
+UPLOADERS = {"netbar_report_timer": ("tmp/145", "form zip file :"),
+             "source_report_timer": ("tmp/146", "form zip file :"),
+             "bjson_report_timer": ("tmp/144", "send bjson file :/tmp/144/")}
 
-    def __init__(self, names):
-        self._cond = threading.Condition()
-        self._raw = {n: bytearray() for n in names}
-        self._text = {n: "" for n in names}
-        self._dec = {n: codecs.getincrementaldecoder("utf-8")(errors="replace") for n in names}
-        self.open_streams = 0
 
-    def add(self, names, data):
-        with self._cond:
-            for n in names:
-                self._raw[n] += data
-                self._text[n] += self._dec[n].decode(data)
-            self._cond.notify_all()
+def log_entries(text):
+    """The log lines of a console text or syslog datagram.  A message runs
+    to the next prefix: other output (zip's, a sanitizer's) may follow a
+    line, and a line may still be on its way."""
+    starts = list(LOG_PREFIX.finditer(text))
+    return [LogEntry(m[1], m[2], int(m[3]), m[4],
+                     text[m.end():starts[i + 1].start() if i + 1 < len(starts) else len(text)])
+            for i, m in enumerate(starts)]
 
-    def close_stream(self, names):
-        with self._cond:
-            for n in names:
-                self._text[n] += self._dec[n].decode(b"", final=True)
-            self.open_streams -= 1
-            self._cond.notify_all()
 
-    def raw(self, name):
-        with self._cond:
-            return bytes(self._raw[name])
+def logged_names(text, remote):
+    """The names the log gives the uploads to a remote directory ("tmp/145"),
+    in order; a line counts once it is whole."""
+    names = []
+    for e in log_entries(text):
+        where, head = UPLOADERS.get(e.func, (None, None))
+        if where == remote and e.message.startswith(head) and "\n" in e.message:
+            names.append(e.message[len(head):].split("\n", 1)[0])
+    return names
 
-    def text(self, name):
-        with self._cond:
-            return self._text[name]
 
-    def wait_for(self, pattern, name, timeout, since, flags, ended, describe):
-        regex = re.compile(pattern, flags)
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while True:
-                m = regex.search(self._text[name], since)
-                if m:
-                    return m
-                left = deadline - time.monotonic()
-                if left <= 0 or ended():
-                    why = "timed out after %.1f s" % timeout if left <= 0 else "output ended"
-                    raise AssertionError("%s: %r not found on %s\n%s"
-                                         % (why, pattern, name, describe()))
-                self._cond.wait(min(left, 0.2))
-
+# -- the daemon -------------------------------------------------------------------
 
 def _tail(text, limit=3000):
     return text if len(text) <= limit else "..." + text[-limit:]
 
 
 class Daemon:
-    """One started copy of the daemon with its standard output and error
-    captured separately (and, interleaved as read, as "any")."""
+    """One started copy of the daemon (or of a command line that runs it),
+    its standard output and error kept in files of the sandbox."""
 
-    def __init__(self, argv, env, cwd="/"):
+    def __init__(self, argv, env, out_dir, cwd="/"):
         self.argv = list(argv)
-        self._cap = _Capture(("stdout", "stderr", "any"))
+        self.paths = {}
+        streams = {}
+        for name in ("stdout", "stderr"):
+            fd, self.paths[name] = tempfile.mkstemp(prefix="daemon-%s." % name, dir=out_dir)
+            streams[name] = fd
         self.proc = subprocess.Popen(self.argv, env=env, cwd=cwd, stdin=subprocess.DEVNULL,
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                                     stdout=streams["stdout"], stderr=streams["stderr"])
+        for fd in streams.values():
+            os.close(fd)
         self.pid = self.proc.pid
-        self._readers = []
-        for name, pipe in (("stdout", self.proc.stdout), ("stderr", self.proc.stderr)):
-            self._cap.open_streams += 1
-            t = threading.Thread(target=self._read, args=(name, pipe), daemon=True,
-                                 name="qz-%s-%d" % (name, self.pid))
-            t.start()
-            self._readers.append(t)
-
-    def _read(self, name, pipe):
-        fd = pipe.fileno()
-        try:
-            while True:
-                data = os.read(fd, 65536)
-                if not data:
-                    break
-                self._cap.add((name, "any"), data)
-        finally:
-            pipe.close()
-            self._cap.close_stream((name,))
 
     @property
     def returncode(self):
@@ -529,59 +320,55 @@ class Daemon:
     def running(self):
         return self.proc.poll() is None
 
-    def stdout_bytes(self):
-        return self._cap.raw("stdout")
+    def bytes(self, stream="stdout", since=0):
+        with open(self.paths[stream], "rb") as f:
+            f.seek(since)
+            return f.read()
 
-    def stderr_bytes(self):
-        return self._cap.raw("stderr")
+    def text(self, stream="stdout"):
+        return self.bytes(stream).decode("utf-8", errors="replace")
 
     def stdout_text(self):
-        return self._cap.text("stdout")
+        return self.text("stdout")
 
     def stderr_text(self):
-        return self._cap.text("stderr")
-
-    def any_text(self):
-        return self._cap.text("any")
-
-    def mark(self, stream="stdout"):
-        """Current length of a stream's text, for wait_for(..., since=mark)."""
-        return len(self._cap.text(stream))
+        return self.text("stderr")
 
     def describe(self):
         return ("daemon %s (pid %d, status %s)\n--- stdout:\n%s\n--- stderr:\n%s"
                 % (" ".join(self.argv[1:]), self.pid, self.proc.poll(),
-                   _tail(self.stdout_text()), _tail(self.stderr_text())))
+                   _tail(self.text("stdout")), _tail(self.text("stderr"))))
 
     def wait_for(self, pattern, stream="stdout", timeout=60.0, since=0, flags=re.M):
-        """Waits until the regex matches the stream's text (from offset since)
-        and returns the match; raises AssertionError with the output's tail
-        on time-out or when the output has ended without a match."""
-        return self._cap.wait_for(pattern, stream, timeout, since, flags,
-                                  lambda: self._cap.open_streams == 0, self.describe)
+        """Waits until the regex matches the stream's text from offset since;
+        returns the match.  Fails with the output's tail on time-out or when
+        the daemon has ended without it."""
+        regex = re.compile(pattern, flags)
+        deadline = time.monotonic() + timeout
+        while True:
+            ended = not self.running()
+            m = regex.search(self.text(stream), since)
+            if m:
+                return m
+            if ended or time.monotonic() > deadline:
+                raise AssertionError("%s: %r not found on %s\n%s" % (
+                    "output ended" if ended else "timed out after %.1f s" % timeout,
+                    pattern, stream, self.describe()))
+            time.sleep(0.05)
 
     def wait(self, timeout=60.0):
-        """Waits for the process to end; returns its status (negative for a signal)."""
+        """Waits for the end; returns the status (negative for a signal)."""
         try:
-            self.proc.wait(timeout)
+            return self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
             raise AssertionError("still running after %.1f s\n%s" % (timeout, self.describe()))
-        self._join_readers()
-        return self.proc.returncode
-
-    def _join_readers(self, timeout=1.0):
-        # Commands the daemon started may hold its pipes after it has gone;
-        # what they write later is still collected, but nobody waits for it.
-        deadline = time.monotonic() + timeout
-        for t in self._readers:
-            t.join(max(0.0, deadline - time.monotonic()))
 
     def signal(self, sig):
         os.kill(self.pid, sig)
 
     def stop(self, grace=3.0):
         """SIGTERM, then SIGKILL after grace seconds; returns the status."""
-        if self.proc.poll() is None:
+        if self.running():
             with contextlib.suppress(ProcessLookupError):
                 self.proc.send_signal(signal.SIGTERM)
             try:
@@ -589,41 +376,12 @@ class Daemon:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
-        self._join_readers()
         return self.proc.returncode
 
 
-# -- syslog -------------------------------------------------------------------
-
-_SYSLOG_RE = re.compile(r"<(\d+)>([A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d) ([^:\[\s]+)(?:\[\d+\])?: ",
-                        re.S)
-
-
-class SyslogRecord:
-    """One datagram: priority split into facility and severity, and the
-    message after libc's time stamp and tag."""
-
-    def __init__(self, raw):
-        self.raw = raw
-        m = _SYSLOG_RE.match(raw)
-        if m:
-            pri = int(m.group(1))
-            self.facility, self.severity = pri >> 3, pri & 7
-            self.tag, self.message = m.group(3), raw[m.end():]
-        else:
-            self.facility = self.severity = self.tag = None
-            self.message = raw
-
-    def __repr__(self):
-        return "SyslogRecord(%r)" % self.raw
-
-
 class SyslogSink:
-    """AF_UNIX datagram socket at a path, read by a thread.
-
-    mark(), lines() and records() first wait until every datagram sent
-    before the call has been read, so a test that has just seen the
-    daemon end sees all it logged."""
+    """The sandbox's /dev/log, read by a thread.  lines() first waits until
+    every datagram sent before the call has been read."""
 
     _SYNC = b"\0qz-sandbox-sync "
 
@@ -631,24 +389,20 @@ class SyslogSink:
         self.path = path
         self._cond = threading.Condition()
         self._msgs = []
-        self._synced = 0
-        self._sync_sent = 0
+        self._synced = self._sync_sent = 0
         self._sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._sock.bind(path)
         os.chmod(path, 0o666)
-        self._sock.settimeout(0.1)
-        self._stop = False
-        self._thread = threading.Thread(target=self._read, name="qz-syslog", daemon=True)
-        self._thread.start()
+        threading.Thread(target=self._read, daemon=True).start()
 
     def _read(self):
-        while not self._stop:
+        while True:
             try:
                 data = self._sock.recv(65536)
-            except socket.timeout:
-                continue
             except OSError:
-                break
+                return
+            if not data:  # shut down
+                return
             with self._cond:
                 if data.startswith(self._SYNC):
                     self._synced = max(self._synced, int(data[len(self._SYNC):]))
@@ -656,54 +410,24 @@ class SyslogSink:
                     self._msgs.append(data.decode("utf-8", errors="replace"))
                 self._cond.notify_all()
 
-    def sync(self, timeout=60.0):
-        """Returns once everything sent to the socket so far has been read:
-        datagrams of one socket queue are read in the order sent."""
+    def lines(self, since=0, timeout=60.0):
+        """Datagrams received, raw text with libc's "<N>" priority first."""
         with self._cond:
             self._sync_sent += 1
             token = self._sync_sent
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
-            client.settimeout(timeout)
             client.sendto(self._SYNC + b"%d" % token, self.path)
         with self._cond:
             if not self._cond.wait_for(lambda: self._synced >= token, timeout):
                 raise AssertionError("syslog reader did not catch up in %.1f s" % timeout)
+            return self._msgs[since:]
 
     def close(self):
-        self._stop = True
-        self._thread.join(2)
+        with contextlib.suppress(OSError):
+            self._sock.shutdown(socket.SHUT_RDWR)
         self._sock.close()
         with contextlib.suppress(FileNotFoundError):
             os.unlink(self.path)
-
-    def mark(self):
-        self.sync()
-        with self._cond:
-            return len(self._msgs)
-
-    def lines(self, since=0):
-        self.sync()
-        with self._cond:
-            return self._msgs[since:]
-
-    def wait_for(self, pattern, timeout=60.0, since=0, flags=0):
-        """Waits for a datagram the regex matches (searched over the raw text,
-        priority included); returns its SyslogRecord."""
-        regex = re.compile(pattern, flags)
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            i = since
-            while True:
-                for j in range(i, len(self._msgs)):
-                    if regex.search(self._msgs[j]):
-                        return SyslogRecord(self._msgs[j])
-                i = len(self._msgs)
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    raise AssertionError("timed out after %.1f s: %r not in syslog\n%s"
-                                         % (timeout, pattern,
-                                            _tail("".join(self._msgs[since:]))))
-                self._cond.wait(min(left, 0.2))
 
 
 # -- the sandbox ----------------------------------------------------------------
@@ -712,24 +436,19 @@ _DEV_NODES = ("null", "zero", "full", "random", "urandom", "tty")
 _DEV_LINKS = {"fd": "/proc/self/fd", "stdin": "/proc/self/fd/0",
               "stdout": "/proc/self/fd/1", "stderr": "/proc/self/fd/2"}
 
-_active = None
-
 
 class Sandbox:
     """Fresh /tmp, writable /etc, private /dev with /dev/log, routed veth
-    pair, bin directory with the router's commands, and (ftp=True) an FTP
+    pair, bin directory with the router's `wum`, and (ftp=True) an FTP
     sink; closing it stops everything started inside and unmounts."""
 
     def __init__(self, ftp=True):
-        global _active
-        _require_namespaces()
-        if _active is not None:
-            raise RuntimeError("one Sandbox at a time")
+        # Mounting over /tmp, /etc and /dev of the real system would be ruinous.
+        if os.environ.get(_ENV_FLAG) != "1" or os.getppid() != 1:
+            raise RuntimeError("Sandbox needs enter_namespaces() first")
         self._stack = contextlib.ExitStack()
         self.daemons = []
         self.ftp = None
-        self.syslog = None
-        _active = self
         try:
             self._setup(ftp)
         except BaseException:
@@ -738,52 +457,51 @@ class Sandbox:
 
     def _setup(self, ftp):
         st = self._stack
-        _run("mount", "--make-rprivate", "/")
-
+        run("mount", "--make-rprivate", "/")
         # Our own files live outside /tmp, which belongs to the daemon.
-        base = "/run" if os.path.isdir("/run") else "/var/tmp"
-        self.private = tempfile.mkdtemp(prefix="qz_sandbox.", dir=base)
+        self.private = tempfile.mkdtemp(prefix="qz_sandbox.", dir="/run")
         st.callback(os.rmdir, self.private)
-        _run("mount", "-t", "tmpfs", "-o", "mode=0755", "qzprivate", self.private)
-        st.callback(_run, "umount", "-l", self.private, check=False)
+        run("mount", "-t", "tmpfs", "-o", "mode=0755", "qzprivate", self.private)
+        st.callback(run, "umount", "-l", self.private, check=False)
 
-        # A checkout or build under /tmp stays reachable at its own path, and
-        # so does the working directory if it lies there.
+        # A checkout or build under /tmp stays reachable at its own path.
         keep = [p for p in _paths_to_keep() if p.startswith("/tmp/")]
         cwd = os.getcwd()
         st.callback(os.chdir, cwd)
-        if keep:
-            old_tmp = self._dir("old-tmp")
-            _run("mount", "--bind", "/tmp", old_tmp)
-        _run("mount", "-t", "tmpfs", "-o", "mode=1777", "qztmp", "/tmp")
-        st.callback(_run, "umount", "-l", "/tmp", check=False)
+        old_tmp = self._dir("old-tmp")
+        run("mount", "--bind", "/tmp", old_tmp)
+        run("mount", "-t", "tmpfs", "-o", "mode=1777", "qztmp", "/tmp")
+        st.callback(run, "umount", "-l", "/tmp", check=False)
         for path in keep:
             os.makedirs(path, exist_ok=True)
-            _run("mount", "--bind", old_tmp + path[len("/tmp"):], path)
-        if keep:
-            _run("umount", "-l", old_tmp)
+            run("mount", "--bind", old_tmp + path[len("/tmp"):], path)
+        run("umount", "-l", old_tmp)
         os.chdir(cwd if os.path.isdir(cwd) else "/")
 
         upper, work = self._dir("etc-upper"), self._dir("etc-work")
-        _run("mount", "-t", "overlay", "qzetc",
-             "-o", "lowerdir=/etc,upperdir=%s,workdir=%s" % (upper, work), "/etc")
-        st.callback(_run, "umount", "-l", "/etc", check=False)
+        run("mount", "-t", "overlay", "qzetc",
+            "-o", "lowerdir=/etc,upperdir=%s,workdir=%s" % (upper, work), "/etc")
+        st.callback(run, "umount", "-l", "/etc", check=False)
+        os.makedirs(WUM_DIR, exist_ok=True)
 
         self._setup_dev()
         self.syslog = SyslogSink(SYSLOG_PATH)
         st.callback(self.syslog.close)
 
-        self._setup_net()
+        run("ip", "link", "set", "lo", "up")
+        run("ip", "link", "add", ROUTE_IF, "type", "veth", "peer", "name", PEER_IF)
+        run("ip", "addr", "add", ROUTE_IP + "/24", "dev", ROUTE_IF)
+        run("ip", "link", "set", ROUTE_IF, "up")
+        run("ip", "link", "set", PEER_IF, "up")
+        run("ip", "route", "add", "default", "via", GATEWAY_IP, "dev", ROUTE_IF)
+        st.callback(run, "ip", "link", "del", ROUTE_IF, check=False)
 
         self.bin_dir = self._dir("bin")
         self.work_dir = self._dir("work")
         shutil.copy(os.path.join(TOOLS_DIR, "wum"), os.path.join(self.bin_dir, "wum"))
-        os.chmod(os.path.join(self.bin_dir, "wum"), 0o755)
-
         if ftp:
             self.ftp = FtpSink(self._dir("ftp")).start()
-            st.callback(self.ftp.stop)
-
+            st.callback(lambda: self.ftp.stop())
         st.callback(self._stop_all)
 
     def _dir(self, name):
@@ -792,45 +510,36 @@ class Sandbox:
         return path
 
     def _setup_dev(self):
-        # Reach the real nodes through a second view of /dev, since the
-        # tmpfs hides them.
+        # The real nodes through a second view of /dev, which the tmpfs hides.
         stage = self._dir("hostdev")
-        _run("mount", "--rbind", "/dev", stage)
+        run("mount", "--rbind", "/dev", stage)
         try:
-            _run("mount", "-t", "tmpfs", "-o", "mode=0755,size=16m", "qzdev", "/dev")
-            self._stack.callback(_run, "umount", "-l", "/dev", check=False)
+            run("mount", "-t", "tmpfs", "-o", "mode=0755,size=16m", "qzdev", "/dev")
+            self._stack.callback(run, "umount", "-l", "/dev", check=False)
             for node in _DEV_NODES:
-                src = os.path.join(stage, node)
-                if os.path.exists(src):
+                if os.path.exists(os.path.join(stage, node)):
                     open("/dev/" + node, "w").close()
-                    _run("mount", "--bind", src, "/dev/" + node)
+                    run("mount", "--bind", os.path.join(stage, node), "/dev/" + node)
             if os.path.ismount(os.path.join(stage, "pts")):
                 os.mkdir("/dev/pts")
-                _run("mount", "--bind", os.path.join(stage, "pts"), "/dev/pts")
+                run("mount", "--bind", os.path.join(stage, "pts"), "/dev/pts")
                 os.symlink("pts/ptmx", "/dev/ptmx")
             os.mkdir("/dev/shm")
-            os.chmod("/dev/shm", 0o1777)
-            _run("mount", "-t", "tmpfs", "-o", "mode=1777", "qzshm", "/dev/shm")
+            run("mount", "-t", "tmpfs", "-o", "mode=1777", "qzshm", "/dev/shm")
             for name, target in _DEV_LINKS.items():
                 os.symlink(target, "/dev/" + name)
         finally:
-            _run("umount", "-l", stage, check=False)
-
-    def _setup_net(self):
-        _run("ip", "link", "set", "lo", "up")
-        # An earlier sandbox (or test) may have left or changed the pair.
-        _run("ip", "link", "del", ROUTE_IF, check=False)
-        _run("ip", "link", "add", ROUTE_IF, "type", "veth", "peer", "name", PEER_IF)
-        _run("ip", "addr", "add", ROUTE_IP + "/24", "dev", ROUTE_IF)
-        _run("ip", "link", "set", ROUTE_IF, "up")
-        _run("ip", "link", "set", PEER_IF, "up")
-        _run("ip", "route", "add", "default", "via", GATEWAY_IP, "dev", ROUTE_IF)
-        self._stack.callback(_run, "ip", "link", "del", ROUTE_IF, check=False)
+            run("umount", "-l", stage, check=False)
 
     def _stop_all(self):
         for d in self.daemons:
             d.stop(grace=1.0)
-        _kill_strays()
+        # Whatever else runs in the pid namespace but pid 1 and this one.
+        victims = [p for p in psutil.process_iter() if p.pid not in (1, os.getpid())]
+        for p in victims:
+            with contextlib.suppress(psutil.NoSuchProcess):
+                p.kill()
+        psutil.wait_procs(victims, timeout=5)
 
     def at_close(self, fn, *args):
         """Calls fn(*args) when the sandbox closes, before what it set up
@@ -838,12 +547,7 @@ class Sandbox:
         self._stack.callback(fn, *args)
 
     def close(self):
-        global _active
-        try:
-            self._stack.close()
-        finally:
-            if _active is self:
-                _active = None
+        self._stack.close()
 
     def __enter__(self):
         return self
@@ -854,10 +558,8 @@ class Sandbox:
     # -- configuration and router state ------------------------------------
 
     def config_values(self, values=None):
-        """DEFAULT_CONFIG with the sink's FTP settings, updated by values.
-
-        A value REMOVE drops the key; other values are written as JSON
-        (None as null, 21 as a number)."""
+        """DEFAULT_CONFIG with the sink's FTP settings, updated by values: a
+        value REMOVE drops the key, others are written as JSON."""
         cfg = dict(DEFAULT_CONFIG)
         if self.ftp is not None:
             cfg.update(fh_ftp_ip=self.ftp.host, fh_ftp_port=str(self.ftp.port),
@@ -870,94 +572,70 @@ class Sandbox:
         return cfg
 
     def write_config(self, values=None, raw=None):
-        """Writes /etc/qz_fh_audit.json: raw text or bytes as given, else
+        """Writes /etc/qz_fh_audit.json: raw text as given, else
         config_values(values) as JSON.  Returns the bytes written."""
-        if raw is not None:
-            data = raw.encode() if isinstance(raw, str) else bytes(raw)
-        else:
-            data = json.dumps(self.config_values(values), ensure_ascii=False,
-                              indent=2).encode() + b"\n"
+        if raw is None:
+            raw = json.dumps(self.config_values(values), ensure_ascii=False, indent=2) + "\n"
+        data = raw.encode() if isinstance(raw, str) else bytes(raw)
         with open(CONFIG_PATH, "wb") as f:
             f.write(data)
         return data
 
-    def set_wtps(self, lines=None, raw=None, fifo=False):
-        """Sets what `wum -c wtps` prints: each line with a newline, or raw
-        bytes as given.  set_wtps(None) removes the listing (no output);
-        fifo=True makes it a FIFO, so that wum blocks until the test
-        writes to it."""
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(WUM_LISTING)
-        if fifo:
-            os.makedirs(os.path.dirname(WUM_LISTING), exist_ok=True)
-            os.mkfifo(WUM_LISTING)
-            return
-        if lines is None and raw is None:
-            return
-        if raw is None:
-            raw = "".join(line + "\n" for line in lines)
-        os.makedirs(os.path.dirname(WUM_LISTING), exist_ok=True)
-        with open(WUM_LISTING, "wb") as f:
-            f.write(raw.encode() if isinstance(raw, str) else raw)
-
-    # -- syslog ------------------------------------------------------------
-
-    def syslog_lines(self, since=0):
-        """Datagrams received on /dev/log, raw text with the "<N>" priority."""
-        return self.syslog.lines(since)
+    def set_wtps(self, *listings):
+        """What `wum -c wtps` prints: a list of lines per tick, the last for
+        every later tick."""
+        for name in os.listdir(WUM_DIR):
+            if name.startswith("wtps."):
+                os.unlink(os.path.join(WUM_DIR, name))
+        for tick, lines in enumerate(listings):
+            with open(os.path.join(WUM_DIR, "wtps.%d" % tick), "w") as f:
+                f.write("".join(line + "\n" for line in lines))
 
     # -- running the daemon ------------------------------------------------
 
     def daemon_env(self, accel=DEFAULT_ACCEL, start=DEFAULT_START, env=None, preload=()):
-        """Environment for the daemon.
-
-        start is a date "YYYY-MM-DD hh:mm:ss" read in the daemon's time
-        zone, or seconds since the epoch (int), or None for the real clock;
-        the faked clock runs accel times as fast as the real one."""
+        """Environment for the daemon.  start is a date read in the daemon's
+        time zone, seconds since the epoch, or None for the real clock; the
+        faked clock runs accel times as fast as the real one."""
         e = {k: v for k, v in os.environ.items() if k != _ENV_FLAG}
-        e["PATH"] = self.bin_dir + ":" + SYSTEM_PATH
-        e["TZ"] = "UTC0"
+        e.update(PATH=self.bin_dir + ":" + SYSTEM_PATH, TZ="UTC0")
         libs = []
-        emulated = emulation()
         if start is not None:
-            if not emulated:
-                libs.append(faketime_lib())
-            if isinstance(start, (int, float)):
+            if not emulation():
+                libs.append(FAKETIME_PATH % ("lib/" + multiarch()))
+            if isinstance(start, int):
                 start = "%d" % start
                 e["FAKETIME_FMT"] = "%s"
             e["FAKETIME"] = "@%s x%s" % (start, accel) if accel != 1 else "@" + start
-            # Commands the daemon starts continue its clock instead of
-            # starting again at the same instant.
-            e["FAKETIME_DONT_RESET"] = "1"
-            # The daemon's timers run on the monotonic clock, which
-            # libfaketime's ARM builds leave alone unless told otherwise.
-            e["FAKETIME_DONT_FAKE_MONOTONIC"] = "0"
+            # Commands the daemon starts go on with its clock, and its timers
+            # run on the monotonic clock, which ARM builds leave alone unless told.
+            e.update(FAKETIME_DONT_RESET="1", FAKETIME_DONT_FAKE_MONOTONIC="0")
         libs += [p for p in os.environ.get("QZ_EXTRA_PRELOAD", "").split(":") if p]
-        if not emulated:
+        if not emulation():
             libs += list(preload)
         if libs:
             e["LD_PRELOAD"] = ":".join(libs)
         # Preloaded libraries come before a sanitizer runtime; options given
         # from outside come last and win.
-        asan = "verify_asan_link_order=0:detect_leaks=0"
-        e["ASAN_OPTIONS"] = asan + (":" + os.environ["ASAN_OPTIONS"]
-                                    if os.environ.get("ASAN_OPTIONS") else "")
-        if env:
-            for k, v in env.items():
-                if v is None:
-                    e.pop(k, None)
-                else:
-                    e[k] = v
+        e["ASAN_OPTIONS"] = ":".join(filter(None, ("verify_asan_link_order=0:detect_leaks=0",
+                                                   os.environ.get("ASAN_OPTIONS"))))
+        for k, v in (env or {}).items():
+            if v is None:
+                e.pop(k, None)
+            else:
+                e[k] = v
         return e
 
     def start_daemon(self, args=("-D",), accel=DEFAULT_ACCEL, start=DEFAULT_START, env=None,
-                     preload=(), cwd=None):
-        """Starts $QZ_BIN with args under the faked clock; returns a Daemon.
-
-        It starts in a scratch directory of the sandbox (cwd), so that a
-        detached copy shows its change to "/"."""
-        d = Daemon(daemon_argv(args, preload, faketime=start is not None),
-                   self.daemon_env(accel, start, env, preload), cwd=cwd or self.work_dir)
+                     preload=(), launcher=None):
+        """Starts $QZ_BIN with args; returns a Daemon.  launcher: a bash
+        script that runs the daemon as "$@".  It starts in a scratch
+        directory, so that a detached copy shows its change to "/"."""
+        argv = daemon_argv(args, preload, faketime=start is not None)
+        if launcher:
+            argv = ["/bin/bash", "-c", launcher, "bash"] + argv
+        d = Daemon(argv, self.daemon_env(accel, start, env, preload), self.private,
+                   cwd=self.work_dir)
         self.daemons.append(d)
         return d
 
@@ -966,37 +644,60 @@ class Sandbox:
         d = self.start_daemon(args, **kw)
         try:
             rc = d.wait(timeout)
-        except AssertionError:
+        finally:
             d.stop(grace=0.5)
-            raise
         return rc, d.stdout_text(), d.stderr_text()
 
 
 def _paths_to_keep():
-    """The source tree and the daemon's build directory, which tests and
-    tools still read once /tmp is the sandbox's own."""
+    """The source tree, the daemon's build directory and the target's root,
+    which runs still read once /tmp is the sandbox's own."""
     paths = {os.path.dirname(TOOLS_DIR)}
-    if os.environ.get("QZ_BIN"):
-        paths.add(os.path.dirname(os.path.realpath(os.environ["QZ_BIN"])))
-    if os.environ.get("QZ_SYSROOT"):
-        paths.add(os.path.realpath(os.environ["QZ_SYSROOT"]))
-    # A path inside another one is kept with it.
+    for var, fn in (("QZ_BIN", os.path.dirname), ("QZ_SYSROOT", lambda p: p)):
+        if os.environ.get(var):
+            paths.add(fn(os.path.realpath(os.environ[var])))
     return sorted(p for p in paths if not any(p != q and p.startswith(q + "/") for q in paths))
 
 
+# -- this machine and the target ------------------------------------------------
+
+def multiarch():
+    """This machine's multiarch name, e.g. x86_64-linux-gnu."""
+    return subprocess.run(["gcc", "-print-multiarch"], stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, check=True).stdout.strip()
+
+
+def emulation():
+    """(emulator argv, sysroot) when the daemon is a cross build run under
+    qemu-user, else None."""
+    emulator = os.environ.get("QZ_EMULATOR")
+    if not emulator:
+        return None
+    root = os.environ.get("QZ_SYSROOT")
+    if not root or not os.path.isdir(root):
+        raise RuntimeError("QZ_EMULATOR needs QZ_SYSROOT, the target's root")
+    return shlex.split(emulator), os.path.realpath(root)
+
+
+def daemon_elf():
+    """(program interpreter or None, little-endian) of $QZ_BIN."""
+    with open(daemon_binary(), "rb") as f:
+        elf = ELFFile(f)
+        interp = [s.get_interp_name() for s in elf.iter_segments() if s["p_type"] == "PT_INTERP"]
+        return (interp or [None])[0], elf.little_endian
+
+
 def daemon_argv(args=(), preload=(), faketime=False):
-    """Command line that runs $QZ_BIN with args. Under emulation the target's
-    own loader preloads the target's libfaketime (with faketime) and the
-    libraries in preload, so that they do not reach the commands the
-    daemon starts (see above); natively daemon_env() preloads them."""
+    """Command line that runs $QZ_BIN with args.  Under emulation the
+    target's own loader preloads the target's libfaketime and preload, so
+    that they do not reach the commands the daemon starts."""
     binary = daemon_binary()
     emulated = emulation()
     if not emulated:
         return [binary] + list(args)
     emulator, root = emulated
-    # $LIB: the target loader's own library directory, lib/<multiarch>.
     libs = ([FAKETIME_PATH % "$LIB"] if faketime else []) + list(preload)
-    loader = elf_interpreter(binary)
+    loader = daemon_elf()[0]
     if loader is None:
         raise RuntimeError("%s is linked statically: nothing can be preloaded" % binary)
     argv = emulator + ["-L", root, root + loader]
@@ -1013,3 +714,8 @@ def daemon_binary():
     if not os.access(path, os.X_OK):
         raise RuntimeError("QZ_BIN=%s is not executable" % path)
     return path
+
+
+def nlstub_path():
+    """The netlink stand-in built beside the daemon."""
+    return os.path.join(os.path.dirname(daemon_binary()), "tools", "libqz_nlstub.so")

@@ -130,7 +130,7 @@ class CheckerTest(unittest.TestCase):
                 self.assertEqual(status, 1)
                 self.assertIn(fault, "\n".join(summary["faults"]))
 
-    def test_live_spool_and_logged_names(self):
+    def test_live_spool(self):
         # No index yet, and the last line of a file may be cut: records come
         # from the whole lines, in name order.
         code = "WA_SOURCE_FJ_0002"
@@ -140,11 +140,6 @@ class CheckerTest(unittest.TestCase):
                 f.write(text)
         self.assertEqual([r["CAPTURE_TIME"] for r in qz_bcp.read(self.tmp).records(code)],
                          ["1", "2"])
-        log = ("2024-3-5 7:9:1 netbar_report_timer<9>: DEBUG:form zip file :a.zip\n"
-               "2024-3-5 7:9:1 bjson_report_timer<9>: DEBUG:send bjson file :/tmp/144/b.bjson\n"
-               "2024-3-5 7:14:1 netbar_report_timer<9>: DEBUG:form zip file :c.z")
-        self.assertEqual([qz_bcp.logged_names(log, r) for r in ("tmp/145", "tmp/144", "tmp/146")],
-                         [["a.zip"], ["b.bjson"], []])
 
     def test_zip_names_and_groups(self):
         cases = [

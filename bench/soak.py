@@ -2,8 +2,8 @@
 archive cycles, an FTP server that is slow for some cycles and down for one,
 and an exact account of every event against the records received.
 
-Used by tests/e2e/test_soak.py (short) and bench/soak_bench.py (long).
-Runs inside enter_namespaces() (tools/qz_sandbox.py), as root.
+Run by bench/soak_bench.py, inside enter_namespaces() (tools/qz_sandbox.py),
+as root.
 
 Accounting: each terminal goes online once and offline once (every event is
 one datagram), each HTTP event carries its own number in the terminal
@@ -13,42 +13,16 @@ records were deleted with the zip, as designed, and are counted apart; they
 must form one unbroken run of the events in send order.
 """
 
-import calendar
 import os
-import re
 import signal
-import socket
-import struct
-import subprocess
 import threading
 import time
 
 import qz_bcp
 import qz_router_sim as sim
 import qz_sandbox
-
-STATUS_LINE = "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n"
-ERROR_RE = re.compile(rb"ERROR:.*")
-HTTP_BASE = 0x0A000000  # terminal addresses 10.x.y.z carry the event number
-
-
-def mac_of(i):
-    return "02:00:%02x:%02x:%02x:%02x" % ((i >> 24) & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255)
-
-
-def record_mac(i):
-    return mac_of(i).replace(":", "-").upper()
-
-
-def rss_kib(pid):
-    try:
-        with open("/proc/%d/status" % pid) as f:
-            for line in f:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return 0
+from bench_support import memory_kib
+from qz_router_sim import STATUS_LINE, mac_of
 
 
 class Traffic:
@@ -144,9 +118,9 @@ class Traffic:
     def _http(self):
         for n in self._paced(self.http_rate):
             terminal = max(0, self.terminals - 1)
-            addr = socket.inet_ntoa(struct.pack(">I", HTTP_BASE + n))
+            addr = sim.numbered_ip(n)
             try:
-                ok = self.kernel.send_http(sim.mac_to_bytes(mac_of(terminal)), addr,
+                ok = self.kernel.send_http(mac_of(terminal), addr,
                                            "93.184.216.34", 40000 + n % 20000, 80)
             except OSError:
                 self.http_down += 1
@@ -166,29 +140,7 @@ def read_records(path):
     up = qz_bcp.read(path, check_name=False)
     return ([("off" if r["END_TIME"] else "on", int(r["MAC"].replace("-", "")[4:], 16))
              for r in up.records("WA_SOURCE_FJ_0001")],
-            [int(r["IP_ADDRESS"]) - HTTP_BASE for r in up.records("WA_SOURCE_FJ_0002")])
-
-
-def flood_ip(k):
-    """Terminal address that carries datagram number k of a flood."""
-    return "10.%d.%d.%d" % ((k >> 16) & 255, (k >> 8) & 255, k & 255)
-
-
-def flood_number(record):
-    """Datagram number of a WA_SOURCE_FJ_0001 record of a flood (a qz_bcp
-    record or a line's text): its address column holds the address's bytes
-    read little-endian."""
-    if isinstance(record, str):
-        record = qz_bcp.record("WA_SOURCE_FJ_0001", record)
-    ip = int(record["IP_ADDRESS"])
-    return ((ip >> 8) & 255) << 16 | ((ip >> 16) & 255) << 8 | ip >> 24
-
-
-def read_flood_numbers(up):
-    """Datagram numbers of the WA_SOURCE_FJ_0001 records of a zip: its path
-    or what qz_bcp read of it."""
-    up = qz_bcp.read(up, check_name=False) if isinstance(up, str) else up
-    return [flood_number(r) for r in up.records("WA_SOURCE_FJ_0001")]
+            [sim.number_of(r) for r in up.records("WA_SOURCE_FJ_0002")])
 
 
 def account(sent, received):
@@ -217,31 +169,13 @@ UNSENT_DIR = "/tmp/qz_unsent"
 DAY = 86400
 
 
-class _Daemon:
-    """One run of the daemon in the soak, with its own console files."""
-
-    def __init__(self, sb, binary, env, n):
-        self.out_path = os.path.join(sb.private, "daemon%d.out" % n)
-        self.err_path = os.path.join(sb.private, "daemon%d.err" % n)
-        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
-            self.proc = subprocess.Popen([binary, "-D"], env=env, cwd=sb.work_dir,
-                                         stdin=subprocess.DEVNULL, stdout=out, stderr=err)
-        self.seen = 0
-
-    def new_zips(self):
-        """Zip names the netbar group formed since the last call."""
-        with open(self.out_path, "rb") as f:
-            f.seek(self.seen)
-            chunk = f.read()
-        last_nl = chunk.rfind(b"\n")
-        if last_nl < 0:
-            return []
-        self.seen += last_nl + 1
-        return qz_bcp.logged_names(chunk[:last_nl + 1].decode(errors="replace"), "tmp/145")
-
-    def errors(self):
-        with open(self.err_path, "rb") as f:
-            return [e.decode(errors="replace") for e in ERROR_RE.findall(f.read())]
+def new_zips(d, seen):
+    """Zip names the netbar group formed since offset seen of the daemon's
+    console, and the offset of the last whole line: only the new part is
+    read, the console of a soak grows large."""
+    data = d.bytes("stdout", seen)
+    end = data.rfind(b"\n") + 1
+    return qz_sandbox.logged_names(data[:end].decode(errors="replace"), "tmp/145"), seen + end
 
 
 def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), down_cycle=6,
@@ -261,18 +195,18 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
         sb.set_wtps(["1 00:1a:2b:3c:4d:5e up", "2 00:1a:2b:3c:4d:6f up"])
         os.makedirs("/tmp/qztmp/clt_wifi_info")
         kernel = sim.FakeKernel()
-        start_epoch = calendar.timegm(time.strptime(qz_sandbox.DEFAULT_START, "%Y-%m-%d %H:%M:%S"))
 
         def start(n):
-            # A kernel-sized netlink queue; the daemon reads it while commands run.
-            env = sb.daemon_env(accel=accel, start=start_epoch + n * DAY, preload=(stub,),
-                                env={"QZ_NLSTUB_QLEN": "256"})
-            # A sanitizer build would hold freed memory in quarantine, which
-            # reads as growth; the run measures the daemon's own memory.
-            env["ASAN_OPTIONS"] = "quarantine_size_mb=0:thread_local_quarantine_size_kb=0:" + \
-                env["ASAN_OPTIONS"]
-            d = _Daemon(sb, binary, env, n)
-            kernel.wait_registration(60, expected_pid=d.proc.pid)
+            # A kernel-sized netlink queue; the daemon reads it while commands
+            # run.  A sanitizer build would hold freed memory in quarantine,
+            # which reads as growth; the run measures the daemon's own memory.
+            d = sb.start_daemon(["-D"], accel=accel, start=qz_sandbox.START_EPOCH + n * DAY,
+                                preload=(stub,), env={
+                                    "QZ_NLSTUB_QLEN": "256",
+                                    "ASAN_OPTIONS": "quarantine_size_mb=0:"
+                                    "thread_local_quarantine_size_kb=0:"
+                                    "verify_asan_link_order=0:detect_leaks=0"})
+            kernel.wait_registration(60, expected_pid=d.pid)
             return d
 
         daemons = [start(0)]
@@ -283,17 +217,18 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
             zips, rss = [], []
             failed_zip = None
             pending_stop = None  # (kind, due time)
+            seen = 0  # what was read of the console of the daemon running
             deadline = time.monotonic() + 60 + cycles * (10 + slow_seconds) * 60 / accel
             while len(zips) < cycles + 2:
                 d = daemons[-1]
-                if time.monotonic() > deadline or d.proc.poll() is not None:
+                if time.monotonic() > deadline or not d.running():
                     raise AssertionError("daemon stopped or stalled after %d cycles" % len(zips))
                 if pending_stop and time.monotonic() >= pending_stop[1]:
                     kind = pending_stop[0]
                     pending_stop = None
                     began = time.monotonic()
-                    d.proc.send_signal(signal.SIGTERM if kind == "term" else signal.SIGKILL)
-                    status = d.proc.wait(60)
+                    d.signal(signal.SIGTERM if kind == "term" else signal.SIGKILL)
+                    status = d.wait(60)
                     fact = {"status": status, "seconds": time.monotonic() - began,
                             "at": began}
                     if kind == "kill":
@@ -305,14 +240,15 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
                         (len(zips), "SIGTERM" if kind == "term" else "SIGKILL", status,
                          fact["seconds"]))
                     daemons.append(start(len(daemons)))
+                    seen = 0
                     continue
-                new = d.new_zips()
+                new, seen = new_zips(d, seen)
                 if not new:
                     time.sleep(0.05)
                     continue
                 for name in new:
                     zips.append(name)
-                    rss.append(rss_kib(d.proc.pid))
+                    rss.append(memory_kib(d.pid, "VmRSS"))
                     n = len(zips)
                     log("cycle %d: %s, RSS %d KiB" % (n, zips[-1], rss[-1]))
                     if n == down_cycle:
@@ -341,11 +277,10 @@ def run(binary, stub, cycles=12, rate=1000, http_rate=200, slow_cycles=(3, 4), d
         finally:
             traffic.stop.set()
             for d in daemons:
-                if d.proc.poll() is None:
-                    d.proc.terminate()
-                    d.proc.wait(5)
+                d.stop(5)
             kernel.close()
-        errors = [e for d in daemons for e in d.errors()]
+        errors = [e.message for d in daemons
+                  for e in qz_sandbox.log_entries(d.stderr_text()) if e.level == "ERROR"]
 
         got = [read_records(u.path) for u in uploads if u.remote == "tmp/145"]
         shell, http = [r for s, _ in got for r in s], [r for _, h in got for r in h]
