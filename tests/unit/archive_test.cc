@@ -46,14 +46,6 @@ class Archive : public ::testing::Test {
   std::string index;
 };
 
-TEST_F(Archive, EmptyCycleTouchesNothing) {
-  ASSERT_TRUE(write_file("/tmp/146/left", "x"));
-  group_archive_cycle(&source_group);
-  finish_commands();
-  EXPECT_TRUE(run.commands.empty());
-  EXPECT_EQ(list_dir("/tmp/146"), std::vector<std::string>({"left"}));
-}
-
 TEST_F(Archive, CycleIndexesZipsUploadsAndEmpties) {
   source_basic_1001_write("00:1a:2b:3c:4d:5e");
   source_basic_1002_write("00:1a:2b:3c:4d:5e");

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -108,27 +107,6 @@ TEST_F(EloopTest, ChangedTableStopsDispatchUntilNextPass) {
   EXPECT_EQ(eloop_add_sock(1024, 0, read_second, nullptr, nullptr), -1);
   EXPECT_EQ(eloop_add_sock(-1, 0, read_second, nullptr, nullptr), -1);
   EXPECT_EQ(eloop_add_sock(1023, 0, read_second, nullptr, nullptr), 0);
-}
-
-void on_alarm(int) {}
-
-TEST_F(EloopTest, SignalDuringWaitRunsDueTimeoutButDispatchesNothing) {
-  // The real clock: the wait must actually be interrupted.
-  eloop_set_clock(nullptr);
-  int fds[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
-  ASSERT_EQ(eloop_add_reader(fds[0], read_second, nullptr, nullptr), 0);
-  struct sigaction sa = {};
-  sa.sa_handler = on_alarm;
-  sigaction(SIGALRM, &sa, nullptr);
-  eloop_add_timeout(0, 0, record, const_cast<char *>("due"), nullptr);
-  eloop_run_once();  // runs "due"
-  eloop_add_timeout(60, 0, record, const_cast<char *>("later"), nullptr);
-  ualarm(100000, 0);
-  EXPECT_EQ(eloop_run_once(), 0);  // select fails with EINTR and the loop goes on
-  EXPECT_EQ(calls, std::vector<std::string>({"due"}));
-  close(fds[0]);
-  close(fds[1]);
 }
 
 }  // namespace

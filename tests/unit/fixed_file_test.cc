@@ -137,15 +137,4 @@ TEST(FixedFile, ReplaceGoesThroughATemporaryFileOfItsOwn) {
   }
 }
 
-TEST(FixedFile, AFailedReplaceLeavesNoTemporaryFile) {
-  // A directory at the name: the rename fails.
-  ASSERT_EQ(mkdir("/tmp/stats.json", 0755), 0);
-  EXPECT_EQ(fixed_file_replace("/tmp/stats.json", "{}\n", 3, 0644), -1);
-  EXPECT_FALSE(exists(temp_name("/tmp/stats.json").c_str()));
-  // A directory at the temporary name: nothing can be written.
-  ASSERT_EQ(mkdir(temp_name("/tmp/other.json").c_str(), 0755), 0);
-  EXPECT_EQ(fixed_file_replace("/tmp/other.json", "{}\n", 3, 0644), -1);
-  EXPECT_FALSE(exists("/tmp/other.json"));
-}
-
 }  // namespace

@@ -13,22 +13,6 @@
 
 namespace {
 
-TEST(Identity, PlaceCodeAndEquipmentId) {
-  load_test_config();
-  EXPECT_STREQ(qz2fh_get_netbar_wacode(), "35010010AC1000");
-  load_test_config({{"fh_source_str", "\"3501001234\""}});
-  EXPECT_STREQ(qz2fh_get_netbar_wacode(), "350100123410AC");
-  load_test_config({{"fh_source_str", "\"\""}});
-  EXPECT_STREQ(qz2fh_get_netbar_wacode(), "10AC1000");
-
-  EXPECT_STREQ(qz2fh_get_equipment_id("00-11-22-33-44-55"), "50718392600112233445");
-  EXPECT_STREQ(qz2fh_get_equipment_id("00:11:22:33:44:55"), "50718392600112233445");
-  EXPECT_STREQ(qz2fh_get_equipment_id("aa:bb:cc:dd:ee:ff"), "507183926AABBCCDDEEF");
-  // Far longer than any MAC: cut, never overrun.
-  EXPECT_STREQ(qz2fh_get_equipment_id(std::string(300, 'a').c_str()), "507183926AAAAAAAAAAA");
-  EXPECT_STREQ(qz2fh_get_equipment_id(""), "507183926");
-}
-
 TEST(Identity, MacTextsSafeForPathsAndRecords) {
   for (const char *ok : {"aa:bb:cc:dd:ee:ff", "AA-BB-CC-DD-EE-FF", "x", "a.b"})
     EXPECT_TRUE(qz2fh_mac_text_ok(ok)) << ok;

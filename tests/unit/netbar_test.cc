@@ -50,12 +50,6 @@ TEST(ShellParse, TokensAndRefusals) {
   EXPECT_EQ(msg.count, 0);
 }
 
-TEST(ShellParse, AddressNumbers) {
-  EXPECT_EQ(netbar_ipv4_number("192.168.1.10"), 167880896u);
-  EXPECT_EQ(netbar_ipv4_number("10.77.0.2"), 33574154u);
-  EXPECT_EQ(netbar_ipv4_number("not an address"), 4294967295u);
-}
-
 TEST(NetlinkParse, LengthsAndTypes) {
   uint8_t msg[200] = {};
   netlink_event ev;
@@ -250,63 +244,6 @@ TEST_F(NetbarFeeds, HttpEventRecord) {
   }
   EXPECT_NE(text.find("can not find access mac:00:11:22:aa:bb:cc\n"), std::string::npos);
   EXPECT_EQ(lines(NETBAR_SOURCE_0002).size(), 1u);
-}
-
-}  // namespace
-
-namespace {
-
-int64_t route_usec;
-int route_clock(int64_t *sec, int64_t *usec) {
-  *sec = route_usec / 1000000;
-  *usec = route_usec % 1000000;
-  return 0;
-}
-
-// A record never runs a command: the route's address comes from what the
-// tick's probe found, and until then the record says 0.
-TEST(NetbarRoute, ProbedByTheTickNeverWhileARecordIsBuilt) {
-  fake_runner run;
-  run.pass_through("mkdir");
-  run.answer("route -n", "");
-  eloop_set_clock(route_clock);
-  route_usec = 5000000;
-  load_test_config();
-  eloop_init();
-  netbar_group_init();
-  mkdir("/tmp/qztmp", 0755);
-  mkdir("/tmp/qztmp/clt_wifi_info", 0755);
-  ASSERT_TRUE(write_file("/tmp/qztmp/clt_wifi_info/aa:bb:cc:dd:ee:ff",
-                         "t1 t2 -45 00:1a:2b:3c:4d:5e x y\n"));
-  auto route_field = [](const std::string &line) {
-    size_t pos = 0;
-    for (int i = 0; i < 13; i++)
-      pos = line.find('\t', pos) + 1;
-    return line.substr(pos, line.find('\t', pos) - pos);
-  };
-  auto last_line = [] {
-    bcp_dataset &ds = netbar_group.datasets[NETBAR_SOURCE_0001];
-    fflush(ds.fp);
-    const std::string text = read_file("/tmp/145/" + std::string(ds.file_name));
-    const size_t start = text.rfind('\n', text.size() - 2);
-    return text.substr(start == std::string::npos ? 0 : start + 1);
-  };
-  run.commands.clear();
-  send_shell(datagram(3, "aa:bb:cc:dd:ee:ff 192.168.1.10 1"));
-  EXPECT_TRUE(run.commands.empty());
-  EXPECT_EQ(route_field(last_line()), "0");
-
-  run.answer("route -n", "qzr0\n");
-  run.answer("ip add", "10.77.0.2/24\n");
-  route_usec += 5000000;
-  report_timer_tick(&report_timer_list, nullptr);
-  finish_commands();
-  EXPECT_EQ(run.commands.size(), 2u);
-  run.commands.clear();
-  send_shell(datagram(2, "aa:bb:cc:dd:ee:ff"));
-  EXPECT_TRUE(run.commands.empty());
-  EXPECT_EQ(route_field(last_line()), "33574154");
-  eloop_set_clock(nullptr);
 }
 
 }  // namespace

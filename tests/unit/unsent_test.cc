@@ -40,54 +40,10 @@ std::vector<std::string> kept_names(uint32_t id) {
   return names;
 }
 
-TEST(Unsent, KeepsFilesUnderTheirNamesOldestFirst) {
-  load_test_config({{"fh_unsent_dir", "\"/tmp/keep/\""}});
-  ASSERT_TRUE(unsent_enabled());
-  char dir[UNSENT_PATH_SIZE];
-  ASSERT_TRUE(unsent_dir_of(145, dir, sizeof(dir)));
-  EXPECT_STREQ(dir, "/tmp/keep/145");
-  const std::string b = spool_file(zname(145, 2), "bbb", 2);
-  const std::string a = spool_file(zname(145, 1), "aa", 1);
-  const std::string c = spool_file(zname(145, 3), "c", 2);
-  for (const std::string &p : {b, a, c})
-    ASSERT_EQ(unsent_keep(145, p.c_str()), 0);
-  EXPECT_NE(access(b.c_str(), F_OK), 0);
-  EXPECT_EQ(read_file("/tmp/keep/145/" + zname(145, 2)), "bbb");
-  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 1), zname(145, 2), zname(145, 3)}));
-  size_t files;
-  uint64_t bytes;
-  unsent_usage(145, &files, &bytes);
-  EXPECT_EQ(files, 3u);
-  EXPECT_EQ(bytes, 6u);
-  unsent_delivered(unsent_files(145)[0]);
-  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 2), zname(145, 3)}));
-  EXPECT_TRUE(kept_names(146).empty());
-}
-
-// The spool is in /tmp; the directory may be on flash: a copy, whole
-// before it has its name, with its time of writing.
-TEST(Unsent, KeepsAcrossFileSystems) {
-  ASSERT_EQ(mkdir("/tmp/flash", 0755), 0);
-  ASSERT_EQ(mount("qzflash", "/tmp/flash", "tmpfs", 0, "size=1m"), 0);
-  load_test_config({{"fh_unsent_dir", "\"/tmp/flash/unsent\""}});
-  const std::string z = spool_file(zname(146, 26), std::string(40000, 'z'), 5);
-  ASSERT_EQ(unsent_keep(146, z.c_str()), 0);
-  EXPECT_NE(access(z.c_str(), F_OK), 0);
-  const std::vector<unsent_file> kept = unsent_files(146);
-  ASSERT_EQ(kept.size(), 1u);
-  EXPECT_EQ(read_file(kept[0].path), std::string(40000, 'z'));
-  EXPECT_EQ(kept[0].written_ns, (1700000000LL + 5) * 1000000000);
-  // A copy cut short by a stop is never listed, and goes.
-  const std::string part = "/tmp/flash/unsent/146/" + zname(146, 25) + ".part";
-  ASSERT_TRUE(write_file(part, "half"));
-  EXPECT_EQ(kept_names(146), std::vector<std::string>({zname(146, 26)}));
-  EXPECT_NE(access(part.c_str(), F_OK), 0);
-  umount("/tmp/flash");
-}
-
-// The store's file system keeps a quarter free: the oldest kept files of
-// any group make room first; a file that still does not fit is dropped,
-// counted and logged, never left half kept.
+// The spool is in /tmp, the store may be on flash: a copy, whole before it
+// has its name, with its time of writing. The store's file system keeps a
+// quarter free: the oldest kept files of any group make room first; a file
+// that still does not fit is dropped, counted and logged.
 TEST(Unsent, RoomIsMadeOnTheStoresFileSystemOrTheFileIsDropped) {
   debug_mode_on();
   mkdir("/tmp/flash", 0755);
@@ -98,6 +54,13 @@ TEST(Unsent, RoomIsMadeOnTheStoresFileSystemOrTheFileIsDropped) {
   const std::string third(300 << 10, 't');
   ASSERT_EQ(unsent_keep(146, spool_file(zname(146, 1), third, 1).c_str()), 0);
   ASSERT_EQ(unsent_keep(145, spool_file(zname(145, 2), third, 2).c_str()), 0);
+  EXPECT_EQ(unsent_files(145)[0].written_ns, (1700000000LL + 2) * 1000000000);
+  EXPECT_EQ(read_file("/tmp/flash/unsent/145/" + zname(145, 2)), third);
+  // A copy cut short by a stop is never listed, and goes.
+  const std::string part = "/tmp/flash/unsent/145/" + zname(145, 0) + ".part";
+  ASSERT_TRUE(write_file(part, "half"));
+  EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 2)}));
+  EXPECT_NE(access(part.c_str(), F_OK), 0);
   output_capture err(STDERR_FILENO);
   ASSERT_EQ(unsent_keep(145, spool_file(zname(145, 3), third, 3).c_str()), 0);
   EXPECT_TRUE(kept_names(146).empty());
@@ -266,11 +229,6 @@ TEST(Unsent, ResentOldestFirstAtMostFourACycle) {
   EXPECT_EQ(kept_names(145), std::vector<std::string>({zname(145, 1), zname(145, 0)}));
   EXPECT_EQ(counters.uploads_failed, 1u);
   EXPECT_EQ(counters.last_upload_status, 1);
-}
-
-TEST(Unsent, OffWithoutTheKey) {
-  load_test_config();
-  EXPECT_FALSE(unsent_enabled());
 }
 
 }  // namespace
