@@ -119,7 +119,7 @@ def package_files(makefile=MAKEFILE):
     return files
 
 
-_run = qz_sandbox._run
+_run = qz_sandbox.run
 
 
 class RouterError(AssertionError):
@@ -182,7 +182,7 @@ class Router:
         # This machine's C library and loader, busybox, zip, curl and flock.
         multiarch = qz_sandbox.multiarch()
         self._bind("/usr/lib/" + multiarch, "/usr/lib/" + multiarch)
-        loader = qz_sandbox.elf_interpreter(qz_sandbox.daemon_binary())
+        loader = qz_sandbox.daemon_elf()[0]
         self._bind(os.path.realpath(loader), loader)
         shutil.copy("/usr/bin/busybox", self.path("/bin/busybox"))
         for tool in ("zip", "curl", "flock"):
@@ -254,7 +254,7 @@ class Router:
                 [qz_sandbox.UNSHARE, "--pid", "--fork", "--root", self.root, "--wd", "/",
                  "/bin/sh", "-c", INIT], stdin=subprocess.DEVNULL, stdout=console,
                 stderr=subprocess.STDOUT)
-        self.pid1 = self.wait(lambda: (qz_sandbox.children_of(self.proc.pid) or [None])[0],
+        self.pid1 = self.wait(lambda: ([c.pid for c in qz_sandbox.children_of(self.proc.pid)] or [None])[0],
                               "procd", timeout)
         self.wait(lambda: "- init complete -" in self.sh("logread", check=False).stdout,
                   "the boot", timeout)
